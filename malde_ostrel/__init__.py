@@ -1,0 +1,1 @@
+"""Host package of the repository documentation generator."""

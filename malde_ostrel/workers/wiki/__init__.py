@@ -1,0 +1,1 @@
+"""Per-branch wiki building: plans, pages, prose carry and freshness checks."""

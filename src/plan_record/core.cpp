@@ -1,0 +1,54 @@
+#include "core.hpp"
+
+#include <cstdarg>
+#include <iterator>
+
+namespace plan_record {
+
+void raise(PyObject* type, const char* message) {
+  PyErr_SetString(type, message);
+  throw PyErrorSet{};
+}
+
+void raise_format(PyObject* type, const char* format, ...) {
+  va_list vargs;
+  va_start(vargs, format);
+  Ref message = Ref::steal_maybe(PyUnicode_FromFormatV(format, vargs));
+  va_end(vargs);
+  if (message) PyErr_SetObject(type, message.get());
+  throw PyErrorSet{};
+}
+
+Ref call(PyObject* callable, std::initializer_list<PyObject*> args) {
+  // One slot in front lets the callee prepend `self` without copying.
+  PyObject* slots[8];
+  const std::size_t n = args.size();
+  if (n + 1 > std::size(slots)) raise(PyExc_SystemError, "plan_record: too many call arguments");
+  std::size_t i = 1;
+  for (PyObject* a : args) slots[i++] = a;
+  return check(PyObject_Vectorcall(callable, slots + 1, n | PY_VECTORCALL_ARGUMENTS_OFFSET, nullptr));
+}
+
+Ref call_kw(PyObject* callable, std::initializer_list<PyObject*> positional,
+            std::initializer_list<PyObject*> keywords, PyObject* kwnames) {
+  PyObject* slots[24];
+  const std::size_t n = positional.size() + keywords.size();
+  if (n + 1 > std::size(slots)) raise(PyExc_SystemError, "plan_record: too many call arguments");
+  std::size_t i = 1;
+  for (PyObject* a : positional) slots[i++] = a;
+  for (PyObject* a : keywords) slots[i++] = a;
+  return check(PyObject_Vectorcall(callable, slots + 1,
+                                   positional.size() | PY_VECTORCALL_ARGUMENTS_OFFSET, kwnames));
+}
+
+Ref call_method(PyObject* self, PyObject* name, std::initializer_list<PyObject*> args) {
+  PyObject* slots[8];
+  const std::size_t n = args.size() + 1;
+  if (n > std::size(slots)) raise(PyExc_SystemError, "plan_record: too many call arguments");
+  slots[0] = self;
+  std::size_t i = 1;
+  for (PyObject* a : args) slots[i++] = a;
+  return check(PyObject_VectorcallMethod(name, slots, n, nullptr));
+}
+
+}  // namespace plan_record

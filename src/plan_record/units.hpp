@@ -1,0 +1,16 @@
+// What each subsystem unit gives the module frame: the specs of its functions
+// (the frame defines them in the module's order) and the mixin class builder.
+#pragma once
+
+#include "function.hpp"
+
+namespace plan_record {
+
+// Plan reconciliation.
+extern const FunctionSpec plan_from_row_spec;
+
+// Store side: builds `PlanRecordMixin` from its bases, which must already be
+// bound in the module's namespace.
+Ref make_mixin_class(PyObject* module);
+
+}  // namespace plan_record
