@@ -374,7 +374,6 @@ PyMethodDef function_methods[] = {
 };
 
 PyType_Slot function_slots[] = {
-    {Py_tp_doc, const_cast<char*>("A function of the plan-of-record module, implemented natively.")},
     {Py_tp_call, reinterpret_cast<void*>(PyVectorcall_Call)},
     {Py_tp_descr_get, reinterpret_cast<void*>(function_descr_get)},
     {Py_tp_repr, reinterpret_cast<void*>(function_repr)},
