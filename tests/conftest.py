@@ -5,9 +5,16 @@ from __future__ import annotations
 
 import importlib
 import importlib.machinery
+import os
 from types import ModuleType
 
 import pytest
+from hypothesis import settings
+
+# "ci": the default run; "long": a deeper search, for runs by hand.
+settings.register_profile("ci", max_examples=200, deadline=None)
+settings.register_profile("long", max_examples=5000, deadline=None)
+settings.load_profile(os.environ.get("HYPOTHESIS_PROFILE", "ci"))
 
 NATIVE = "malde_ostrel.workers.wiki.plan_record"
 TWIN = "malde_ostrel.workers.wiki._pyplan_record"

@@ -7,7 +7,7 @@ from types import ModuleType
 from typing import Any
 
 import pytest
-from hypothesis import given, settings
+from hypothesis import given
 from hypothesis import strategies as st
 
 from .recording import fields, outcome, record
@@ -137,7 +137,6 @@ rows = st.fixed_dictionaries(
 )
 
 
-@settings(max_examples=300, deadline=None)
 @given(row=rows, live=st.sets(texts, max_size=6))
 def test_native_and_twin_agree(native: ModuleType, twin: ModuleType, row: dict[str, Any],
                                live: set[str]) -> None:

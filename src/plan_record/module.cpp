@@ -113,6 +113,9 @@ class ModuleBody {
     state_.catch_all_re = catch_all_re.release();
 
     define(plan_from_row_spec);
+    define(pin_plan_spec);
+    define(demote_unrecorded_families_spec);
+    define(by_importance_spec);
 
     Ref max_lines = integer(2000);
     bind("_PLAN_LOG_MAX_LINES", max_lines.get());
@@ -167,6 +170,11 @@ void init_state(PyObject* module) {
   st.row_plan_fields = check(Py_BuildValue("(sssssssss)", "page_id", "title", "level", "importance",
                                            "description", "topic", "source_files", "catch_all", "type"))
                            .release();
+  st.parent_plan_fields =
+      check(Py_BuildValue("(ssssssssss)", "page_id", "title", "level", "importance", "description", "topic",
+                          "source_files", "children", "related_pages", "type"))
+          .release();
+  st.level_keyword = check(Py_BuildValue("(s)", "level")).release();
 }
 
 int module_exec(PyObject* module) noexcept {
@@ -183,6 +191,8 @@ int module_traverse(PyObject* module, visitproc visit, void* arg) noexcept {
 #undef PLAN_RECORD_NAME_VISIT
   Py_VISIT(st.function_type);
   Py_VISIT(st.row_plan_fields);
+  Py_VISIT(st.parent_plan_fields);
+  Py_VISIT(st.level_keyword);
   Py_VISIT(st.catch_all_re);
   Py_VISIT(st.section_re);
   return 0;
@@ -195,6 +205,8 @@ int module_clear(PyObject* module) noexcept {
 #undef PLAN_RECORD_NAME_CLEAR
   Py_CLEAR(st.function_type);
   Py_CLEAR(st.row_plan_fields);
+  Py_CLEAR(st.parent_plan_fields);
+  Py_CLEAR(st.level_keyword);
   Py_CLEAR(st.catch_all_re);
   Py_CLEAR(st.section_re);
   return 0;

@@ -74,6 +74,27 @@ bool ModulePattern::matches(PyObject* subject) const {
   return truthy(found.get());
 }
 
+std::pair<Ref, Ref> unpack_pair(PyObject* pair) {
+  if (PyTuple_CheckExact(pair) && PyTuple_GET_SIZE(pair) == 2) {
+    return {Ref::borrow(PyTuple_GET_ITEM(pair, 0)), Ref::borrow(PyTuple_GET_ITEM(pair, 1))};
+  }
+  Ref it = Ref::steal_maybe(PyObject_GetIter(pair));
+  if (!it) {
+    if (PyErr_ExceptionMatches(PyExc_TypeError)) {
+      PyErr_Clear();
+      raise_format(PyExc_TypeError, "cannot unpack non-iterable %.200s object", Py_TYPE(pair)->tp_name);
+    }
+    raise();
+  }
+  Ref first = next(it.get());
+  Ref second = first ? next(it.get()) : Ref();
+  if (!second) {
+    raise_format(PyExc_ValueError, "not enough values to unpack (expected 2, got %d)", first ? 1 : 0);
+  }
+  if (Ref extra = next(it.get())) raise(PyExc_ValueError, "too many values to unpack (expected 2)");
+  return {std::move(first), std::move(second)};
+}
+
 bool native_catch_all_match(PyObject* subject) {
   static constexpr char stem[] = "module-additional";
   constexpr Py_ssize_t stem_len = sizeof(stem) - 1;

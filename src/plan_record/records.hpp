@@ -2,6 +2,8 @@
 // host's collaborators, with the fallbacks every unit applies the same way.
 #pragma once
 
+#include <utility>
+
 #include "function.hpp"
 #include "state.hpp"
 
@@ -46,5 +48,86 @@ class ModulePattern {
 // Whether an exact text is a catch-all page id: "module-additional",
 // optionally followed by a hyphen and decimal digits.
 bool native_catch_all_match(PyObject* subject);
+
+// `a, b = pair`, with the errors Python's unpacking raises.
+std::pair<Ref, Ref> unpack_pair(PyObject* pair);
+
+// `for item in iterable:`; an exact list is walked by index, re-reading its
+// length each step as its own iterator does.
+template <class Body>
+void for_each(PyObject* iterable, Body&& body) {
+  if (PyList_CheckExact(iterable)) {
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(iterable); ++i) {
+      Ref item = Ref::borrow(PyList_GET_ITEM(iterable, i));
+      body(item.get());
+    }
+    return;
+  }
+  Ref it = iterate(iterable);
+  while (Ref item = next(it.get())) body(item.get());
+}
+
+// Walk an exact dict in place; like the dict's own iterator, refuse to go on
+// once its size changed.
+template <class Body>
+void walk_dict(PyObject* dict, Body&& body) {
+  const Py_ssize_t size = PyDict_GET_SIZE(dict);
+  Py_ssize_t pos = 0;
+  PyObject* key;
+  PyObject* value;
+  while (true) {
+    if (PyDict_GET_SIZE(dict) != size) raise(PyExc_RuntimeError, "dictionary changed size during iteration");
+    if (!PyDict_Next(dict, &pos, &key, &value)) break;
+    Ref k = Ref::borrow(key);
+    Ref v = Ref::borrow(value);
+    body(k.get(), v.get());
+  }
+}
+
+// `for key, value in mapping.items():`
+template <class Body>
+void for_each_item(const Names& names, PyObject* mapping, Body&& body) {
+  if (PyDict_CheckExact(mapping)) {
+    walk_dict(mapping, body);
+    return;
+  }
+  Ref items = call_method(mapping, names.items, {});
+  for_each(items.get(), [&](PyObject* pair) {
+    auto [k, v] = unpack_pair(pair);
+    body(k.get(), v.get());
+  });
+}
+
+// `for key in mapping:`
+template <class Body>
+void for_each_key(PyObject* mapping, Body&& body) {
+  if (PyDict_CheckExact(mapping)) {
+    walk_dict(mapping, [&](PyObject* k, PyObject*) { body(k); });
+    return;
+  }
+  for_each(mapping, body);
+}
+
+// Our own sets and dicts (exact types made by this module).
+inline void set_add(PyObject* set, PyObject* item) { check(PySet_Add(set, item)); }
+inline bool set_has(PyObject* set, PyObject* item) { return check(PySet_Contains(set, item)) != 0; }
+inline void set_update(PyObject* set, PyObject* iterable) {
+  for_each(iterable, [&](PyObject* item) { set_add(set, item); });
+}
+inline void dict_set(PyObject* dict, PyObject* key, PyObject* value) {
+  check(PyDict_SetItem(dict, key, value));
+}
+// The value under `key`, or an empty Ref.
+inline Ref dict_find(PyObject* dict, PyObject* key) {
+  PyObject* found = PyDict_GetItemWithError(dict, key);
+  if (!found && PyErr_Occurred()) raise();
+  return Ref::borrow(found);
+}
+// A new list of the iterable's items, sorted as `sorted()` sorts them.
+inline Ref sorted_list(PyObject* iterable) {
+  Ref list = check(PySequence_List(iterable));
+  check(PyList_Sort(list.get()));
+  return list;
+}
 
 }  // namespace plan_record

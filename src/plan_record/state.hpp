@@ -43,7 +43,39 @@ namespace plan_record {
   X(PINNED_LEVELS, "PINNED_LEVELS")                   \
   X(CATCH_ALL_RE, "_CATCH_ALL_RE")                    \
   X(SECTION_RE, "_SECTION_RE")                        \
-  X(plan_from_row, "_plan_from_row")
+  X(plan_from_row, "_plan_from_row")                 \
+  /* reconciliation */                               \
+  X(items, "items")                                   \
+  X(isdisjoint, "isdisjoint")                         \
+  X(sort, "sort")                                     \
+  X(key, "key")                                       \
+  X(rsplit, "rsplit")                                 \
+  X(slash, "/")                                       \
+  X(blank, " ")                                       \
+  X(ReplanRemap, "ReplanRemap")                       \
+  X(amend, "amend")                                   \
+  X(carry_superseded, "carry_superseded")             \
+  X(inherit_prose, "inherit_prose")                   \
+  X(keep_agent_titles, "keep_agent_titles")           \
+  X(link_families, "link_families")                   \
+  X(NOTE_LEVEL, "NOTE_LEVEL")                         \
+  X(OTHER_CODE_TYPE, "OTHER_CODE_TYPE")               \
+  X(MIN_NEW_PAGE_FILES, "_MIN_NEW_PAGE_FILES")        \
+  X(demote_unrecorded_families, "_demote_unrecorded_families") \
+  X(by_importance, "_by_importance")                  \
+  X(add, "add")                                       \
+  X(retire, "retire")                                 \
+  X(extend, "extend")                                 \
+  X(low, "low")                                       \
+  X(catch_all_id, "module-additional")                \
+  X(other_code, "Other code")                         \
+  X(re_chunked, "module re-chunked; superseded child") \
+  X(collapsed_reason, "module no longer oversized; decomposition collapsed") \
+  X(empty_parent, "decomposition changed; empty parent") \
+  X(removed_from_steering, "removed from steering")   \
+  X(files_gone, "all source files gone")              \
+  X(children_retired, "all decomposed children retired") \
+  X(catch_all_empty, "catch-all has no remaining files")
 
 struct Names {
 #define PLAN_RECORD_NAME_FIELD(field, literal) PyObject* field;
@@ -54,8 +86,11 @@ struct Names {
 struct ModuleState {
   Names names;
   PyObject* function_type;
-  // Keyword names of the three ways a PagePlan is built.
+  // Keyword names of the three ways a PagePlan is built (the catch-all page
+  // names the same fields as a plan rebuilt from a row), and of `amend`'s level.
   PyObject* row_plan_fields;
+  PyObject* parent_plan_fields;
+  PyObject* level_keyword;
   // The patterns as compiled at initialisation: while a module attribute still
   // holds one of these very objects, matching may take the native path.
   PyObject* catch_all_re;

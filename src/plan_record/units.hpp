@@ -8,6 +8,9 @@ namespace plan_record {
 
 // Plan reconciliation.
 extern const FunctionSpec plan_from_row_spec;
+extern const FunctionSpec pin_plan_spec;
+extern const FunctionSpec demote_unrecorded_families_spec;
+extern const FunctionSpec by_importance_spec;
 
 // Store side: builds `PlanRecordMixin` from its bases, which must already be
 // bound in the module's namespace.
