@@ -19,6 +19,33 @@ def raising(*args: Any, **kwargs: Any) -> Any:
     raise RuntimeError("collaborator failed")
 
 
+def pin_inputs() -> tuple[list[Any], dict[str, Any], set[str]]:
+    from malde_ostrel.workers.wiki.types import PagePlan
+
+    existing = {
+        "module-a": {"page_id": "module-a", "source_files": ["a.c"]},
+        "module-gone": {"page_id": "module-gone", "source_files": ["gone.c"]},
+        "P": {"page_id": "P", "related_pages": ["P-a", "P-b"]},
+        "P-a": {"page_id": "P-a", "source_files": ["pa.c"]},
+        "P-b": {"page_id": "P-b", "source_files": ["pb.c"]},
+        "Q": {"page_id": "Q", "related_pages": ["Q-a"]},
+        "Q-a": {"page_id": "Q-a", "source_files": ["qa.c"]},
+        "custom-old": {"page_id": "custom-old", "level": "guide"},
+        "module-additional": {"page_id": "module-additional", "source_files": ["x.c"]},
+    }
+    fresh = [
+        PagePlan(page_id="module-a", source_files=["a.c", "a2.c", "a3.c"]),
+        PagePlan(page_id="module-n", source_files=["n1.c", "n2.c"]),
+        PagePlan(page_id="module-one", source_files=["one.c"]),
+        PagePlan(page_id="P", children=["P-a", "P-c"]),
+        PagePlan(page_id="P-a", source_files=["pa.c"]),
+        PagePlan(page_id="P-c", source_files=["pb.c"]),
+        PagePlan(page_id="overview", level="overview"),
+    ]
+    live = {"a.c", "a2.c", "a3.c", "n1.c", "n2.c", "one.c", "pa.c", "pb.c", "qa.c", "x.c", "stray.c"}
+    return fresh, existing, live
+
+
 def probes(m: ModuleType) -> dict[str, Callable[[], Any]]:
     row = {"page_id": "module-additional-2", "title": "T", "source_files": ["b", "a", "gone"]}
     live = {"a", "b"}
@@ -35,6 +62,15 @@ def probes(m: ModuleType) -> dict[str, Callable[[], Any]]:
         "missing arguments": lambda: fn(),
         "signature": lambda: inspect.signature(fn),
         "bound method": lambda: type("C", (dict,), {"f": fn})(page_id="p").f(live),
+        "pin_plan": lambda: m.pin_plan(*pin_inputs()),
+        "pin_plan replan": lambda: m.pin_plan(*pin_inputs(), replan=True),
+        "pin_plan missing page_id": lambda: m.pin_plan([], {"m": {"source_files": ["a"]}}, {"a"}),
+        "pin_plan bad children": lambda: m.pin_plan([m.PagePlan(page_id="x", children=3)], {}, set()),
+        "pin_plan bad store": lambda: m.pin_plan([], {"p": 3}, set()),
+        "pin_plan keyword-only": lambda: m.pin_plan([], {}, set(), True),
+        "demote": lambda: m._demote_unrecorded_families(*pin_inputs()[:2]),
+        "by_importance": lambda: m._by_importance(pin_inputs()[0]),
+        "by_importance bad score": lambda: m._by_importance([m.PagePlan(page_id="a", importance_score="x")]),
     }
 
 
@@ -42,6 +78,8 @@ PROBES = [
     "plan_from_row", "plan_from_row by keyword", "plan_from_row missing key", "plan_from_row bad files",
     "plan_from_row bad id", "too many arguments", "unexpected keyword", "duplicate argument",
     "missing arguments", "signature", "bound method",
+    "pin_plan", "pin_plan replan", "pin_plan missing page_id", "pin_plan bad children", "pin_plan bad store",
+    "pin_plan keyword-only", "demote", "by_importance", "by_importance bad score",
 ]
 
 
@@ -54,11 +92,26 @@ def test_entry_point_does_not_leak(native: ModuleType, probe: str) -> None:
     assert growth(probes(native)[probe]) < TOLERANCE
 
 
-@pytest.mark.parametrize("name", ["unit_topic", "PagePlan", "_CATCH_ALL_RE"])
+@pytest.mark.parametrize("name", [
+    "unit_topic", "PagePlan", "_CATCH_ALL_RE", "amend", "carry_superseded", "inherit_prose",
+    "keep_agent_titles", "link_families", "ReplanRemap", "_plan_from_row", "_by_importance",
+    "_demote_unrecorded_families",
+])
 def test_failing_collaborators_do_not_leak(native: ModuleType, monkeypatch: pytest.MonkeyPatch,
                                            name: str) -> None:
     monkeypatch.setattr(native, name, raising if name != "_CATCH_ALL_RE" else None)
     row = {"page_id": "p", "source_files": ["a"]}
-    assert growth(lambda: native._plan_from_row(row, {"a"})) < TOLERANCE
+
+    def run() -> None:
+        try:
+            native._plan_from_row(row, {"a"})
+        finally:
+            native.pin_plan(*pin_inputs())
+
+    def replan() -> None:
+        native.pin_plan(*pin_inputs(), replan=True)
+
+    assert growth(run, rounds=1000) < TOLERANCE
+    assert growth(replan, rounds=1000) < TOLERANCE
     monkeypatch.delattr(native, name)
-    assert growth(lambda: native._plan_from_row(row, {"a"})) < TOLERANCE
+    assert growth(run, rounds=1000) < TOLERANCE
