@@ -122,6 +122,9 @@ class ModuleBody {
     Ref keep_lines = integer(1000);
     bind("_PLAN_LOG_KEEP_LINES", keep_lines.get());
 
+    define(append_plan_log_spec);
+    define(drift_signal_spec);
+
     Ref mixin = make_mixin_class(module_);
     bind("PlanRecordMixin", mixin.get());
 
@@ -130,6 +133,9 @@ class ModuleBody {
     Ref section_re = compile(R"(^##[ \t]+(\S.*?)[ \t#]*$)");
     bind("_SECTION_RE", section_re.get());
     state_.section_re = section_re.release();
+
+    define(sections_spec);
+    define(section_map_spec);
   }
 
  private:
@@ -161,20 +167,27 @@ class ModuleBody {
   ModuleState& state_;
 };
 
+Ref interned_tuple(std::initializer_list<const char*> names) {
+  Ref tuple = check(PyTuple_New(static_cast<Py_ssize_t>(names.size())));
+  Py_ssize_t i = 0;
+  for (const char* name : names) PyTuple_SET_ITEM(tuple.get(), i++, interned(name).release());
+  return tuple;
+}
+
 void init_state(PyObject* module) {
   ModuleState& st = state_of(module);
 #define PLAN_RECORD_NAME_INIT(field, literal) st.names.field = interned(literal).release();
   PLAN_RECORD_NAMES(PLAN_RECORD_NAME_INIT)
 #undef PLAN_RECORD_NAME_INIT
   st.function_type = make_function_type(module).release();
-  st.row_plan_fields = check(Py_BuildValue("(sssssssss)", "page_id", "title", "level", "importance",
-                                           "description", "topic", "source_files", "catch_all", "type"))
+  // Keyword names must be interned: callees match them by identity first.
+  st.row_plan_fields = interned_tuple({"page_id", "title", "level", "importance", "description", "topic",
+                                       "source_files", "catch_all", "type"})
                            .release();
-  st.parent_plan_fields =
-      check(Py_BuildValue("(ssssssssss)", "page_id", "title", "level", "importance", "description", "topic",
-                          "source_files", "children", "related_pages", "type"))
-          .release();
-  st.level_keyword = check(Py_BuildValue("(s)", "level")).release();
+  st.parent_plan_fields = interned_tuple({"page_id", "title", "level", "importance", "description", "topic",
+                                          "source_files", "children", "related_pages", "type"})
+                              .release();
+  st.level_keyword = interned_tuple({"level"}).release();
 }
 
 int module_exec(PyObject* module) noexcept {

@@ -171,7 +171,7 @@ Ref by_importance(const Call& call, PyObject* plans) {
   Ref order = new_list(count);
   for (Py_ssize_t i = 0; i < count; ++i) PyList_SET_ITEM(order.get(), i, check(PyLong_FromSsize_t(i)).release());
   Ref key_of = getattr(keys.get(), Ref(interned("__getitem__")).get());
-  Ref key_name = check(PyTuple_Pack(1, n.key));
+  Ref key_name = check(PyTuple_Pack(1, n.key));  // n.key is interned
   call_kw(Ref(getattr(order.get(), n.sort)).get(), {}, {key_of.get()}, key_name.get());
 
   Ref result = new_list(count);
@@ -599,8 +599,10 @@ class PinPlan {
       }
       set_update(covered_.get(), catch_all_files_.get());
     }
-    new_paths_ = check(PySet_New(live_paths_));
-    for_each(covered_.get(), [&](PyObject* path) { check(PySet_Discard(new_paths_.get(), path)); });
+    new_paths_ = new_set();
+    for_each(live_paths_, [&](PyObject* path) {
+      if (!set_has(covered_.get(), path)) set_add(new_paths_.get(), path);
+    });
 
     if (PySet_GET_SIZE(new_paths_.get())) absorb_new_paths();
     make_catch_all_page();

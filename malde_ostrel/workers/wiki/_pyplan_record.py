@@ -238,8 +238,7 @@ def pin_plan(
             path for path in (catch_all_row.get("source_files") or []) if path in live_paths
         }
         covered.update(catch_all_files)
-    new_paths = set(live_paths)
-    new_paths.difference_update(covered)
+    new_paths = {path for path in live_paths if path not in covered}
 
     # New paths: a new page, files absorbed by a kept page, or the catch-all.
     if new_paths:

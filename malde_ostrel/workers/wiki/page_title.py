@@ -33,8 +33,10 @@ def keep_agent_titles(
     by_files: dict[frozenset[str], list[str]] = {}
     for page_id, row in existing.items():
         title = _agent_title(row)
+        if not title or page_id in planned:
+            continue
         files = _file_set(row.get("source_files"))
-        if title and files and page_id not in planned:
+        if files:
             by_files.setdefault(files, []).append(title)
     for plan in plans:
         stored = existing.get(plan.page_id)
