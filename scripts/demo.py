@@ -1,32 +1,162 @@
-"""A short tour of the plan-of-record module: stored rows become pinned plans."""
+"""A tour of ``ostrel-wiki`` on a small sample repository.
+
+Builds a git repository in a temporary directory, then runs the tool step by
+step: the first plan, saving a page's prose, changing the code, planning
+again (ids stay put; the changes become amendments), the status with its
+stale section, and the plan log.
+"""
 
 from __future__ import annotations
 
-import inspect
+import os
+import shlex
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
 
-from malde_ostrel.workers.wiki import plan_record
+GIT_ENV = {
+    "GIT_AUTHOR_NAME": "Demo",
+    "GIT_AUTHOR_EMAIL": "demo@example.invalid",
+    "GIT_COMMITTER_NAME": "Demo",
+    "GIT_COMMITTER_EMAIL": "demo@example.invalid",
+    "GIT_CONFIG_GLOBAL": os.devnull,
+    "GIT_CONFIG_NOSYSTEM": "1",
+}
+ENV = os.environ | GIT_ENV
 
-STORED_ROWS = [
-    {"page_id": "module-core", "title": "Core", "level": "module", "importance": "high",
-     "source_files": ["core/b.c", "core/a.c", "core/gone.c"]},
-    {"page_id": "module-api", "title": "", "level": "", "source_files": ["api/h.c"],
-     "description": "Public entry points."},
-    {"page_id": "module-additional", "title": "Other code", "source_files": ["x.c"]},
-]
-LIVE_PATHS = {"core/a.c", "core/b.c", "api/h.c", "x.c"}
+STEERING = """\
+steering = "Write for someone who has just cloned the repository."
+
+[[page]]
+title = "Getting started"
+files = ["README.md", "docs/**"]
+"""
+
+BOIL = """\
+from kettle.config import Settings
+
+
+def boil(settings: Settings) -> float:
+    \"\"\"Heat until the target temperature is reached; return the seconds taken.\"\"\"
+    return settings.target_c / settings.watts * 4186
+"""
+
+CONFIG = """\
+from dataclasses import dataclass
+
+
+@dataclass
+class Settings:
+    target_c: float = 100.0
+    watts: float = 2000.0
+"""
+
+PAGE = """\
+# kettle
+
+The package that heats water.
+
+## Boiling
+
+`boil` turns the settings into a heating time [[kettle/boil.py:4-6|boil]].
+
+## Settings
+
+The defaults live in one dataclass [[kettle/config.py:4-7|Settings]].
+"""
+
+
+def sample_files() -> dict[str, str]:
+    files = {
+        "README.md": "# kettle\n\nA small kettle controller.\n",
+        "docs/setup.md": "Run `make` and flash the board.\n",
+        ".ostrel-wiki.toml": STEERING,
+        "kettle/__init__.py": '"""The kettle controller."""\n',
+        "kettle/boil.py": BOIL,
+        "kettle/config.py": CONFIG,
+        "web/app.ts": "export const app = 1;\n",
+        "web/routes.ts": "export const routes = [];\n",
+        "main.py": "from kettle.boil import boil\n",
+    }
+    # Fourteen drivers: more than one page holds, so they become a family.
+    for n in range(14):
+        files[f"kettle/drivers/d{n:02d}.c"] = f"int driver_{n}(void) {{ return {n}; }}\n"
+    return files
+
+
+def write(repo: Path, files: dict[str, str]) -> None:
+    for rel, text in files.items():
+        path = repo / rel
+        path.parent.mkdir(parents=True, exist_ok=True)
+        path.write_text(text, encoding="utf-8")
+
+
+def git(repo: Path, *args: str) -> None:
+    subprocess.run(["git", *args], cwd=repo, env=ENV, check=True, capture_output=True)
+
+
+def commit(repo: Path, message: str) -> None:
+    git(repo, "add", "-A")
+    git(repo, "commit", "-q", "-m", message)
+
+
+def heading(text: str) -> None:
+    print(f"\n=== {text} " + "=" * max(0, 72 - len(text)), flush=True)
+
+
+def wiki(repo: Path, *args: str) -> None:
+    print(f"$ ostrel-wiki {shlex.join(args)}", flush=True)
+    command = [sys.executable, "-m", "malde_ostrel.workers.wiki", "--repo", str(repo), *args]
+    done = subprocess.run(command, cwd=repo, env=ENV, check=False)
+    if done.returncode != 0:
+        raise SystemExit(f"demo: ostrel-wiki {shlex.join(args)} exited with {done.returncode}")
 
 
 def main() -> None:
-    print(f"module: {plan_record.__name__} ({plan_record.__file__})")
-    fn = plan_record._plan_from_row
-    print(f"{fn.__name__}{inspect.signature(fn)}")
-    print()
-    print(f"{'page id':<20} {'title':<18} {'level':<8} {'catch-all':<9} files / description")
-    for row in STORED_ROWS:
-        plan = fn(row, LIVE_PATHS)
-        print(f"{plan.page_id:<20} {plan.title:<18} {plan.level:<8} {str(plan.catch_all):<9} "
-              f"{', '.join(plan.source_files)}")
-        print(f"{'':<58} {plan.description}")
+    started = time.monotonic()
+    with tempfile.TemporaryDirectory(prefix="ostrel-wiki-demo-") as tmp:
+        repo = Path(tmp) / "kettle"
+        repo.mkdir()
+        git(repo, "init", "-q", "-b", "main")
+        write(repo, sample_files())
+        commit(repo, "A kettle controller")
+        print(f"sample repository: {repo}")
+
+        heading("1. plan: the first plan of record")
+        wiki(repo, "plan")
+
+        heading("2. save: the prose of module-kettle, with citations")
+        body = Path(tmp) / "module-kettle.md"
+        body.write_text(PAGE, encoding="utf-8")
+        print(PAGE)
+        wiki(repo, "save", "module-kettle", str(body))
+
+        heading("3. the code changes")
+        write(repo, {"kettle/config.py": CONFIG.replace("2000.0", "2400.0")})
+        write(repo, {"kettle/drivers/d14.c": "int driver_14(void) { return 14; }\n"})
+        for rel in ("web/app.ts", "web/routes.ts"):
+            (repo / rel).unlink()
+        write(repo, {"cli/run.py": "import sys\n", "cli/args.py": "import argparse\n"})
+        commit(repo, "Faster heating, a new driver, a CLI; the web UI goes")
+        print("edited   kettle/config.py (more watts)")
+        print("added    kettle/drivers/d14.c, cli/run.py, cli/args.py")
+        print("removed  web/app.ts, web/routes.ts")
+
+        heading("4. plan again: the same ids, the changes as amendments")
+        wiki(repo, "plan")
+
+        heading("5. status: what to write, and the section the edit made stale")
+        wiki(repo, "status")
+
+        heading("6. log: the plan audit log")
+        wiki(repo, "log")
+
+    heading("done")
+    print(f"the tour took {time.monotonic() - started:.1f} s")
+    print("run on your own repository: ostrel-wiki --repo PATH plan")
+    print("(or: python -m malde_ostrel.workers.wiki --repo PATH plan)")
 
 
 if __name__ == "__main__":

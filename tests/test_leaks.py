@@ -115,3 +115,60 @@ def test_failing_collaborators_do_not_leak(native: ModuleType, monkeypatch: pyte
     assert growth(replan, rounds=1000) < TOLERANCE
     monkeypatch.delattr(native, name)
     assert growth(run, rounds=1000) < TOLERANCE
+
+
+def store_side_probes(m: ModuleType) -> dict[str, Callable[[], Any]]:
+    from contextlib import nullcontext
+
+    from malde_ostrel.workers.wiki.types import PagePlan
+
+    class Db:
+        def transaction(self) -> Any:
+            return nullcontext()
+
+        def execute(self, sql: str, params: Any) -> None:
+            pass
+
+    class Repository:
+        db = Db()
+
+        def upsert_wiki_page(self, *args: Any, **kwargs: Any) -> None:
+            pass
+
+    class Host(m.PlanRecordMixin):  # type: ignore[name-defined,misc]
+        branch = "main"
+        repository = Repository()
+        _existing: dict[str, Any] = {}
+
+        def _hashes_with_steering(self, files: list[str]) -> dict[str, str]:
+            return {f: "h" for f in files}
+
+        def _source_hashes(self, paths: list[str]) -> dict[str, str]:
+            return {p: "h" for p in paths}
+
+    host = Host()
+    plans = [PagePlan(page_id="module-a", source_files=["a.c"]), PagePlan(page_id="P", children=["x"])]
+    existing = {"module-a": {"source_hashes": {"a.c": "old"}}}
+    row = {"content_hash": "c", "source_hashes": {"a.c": "old", "__stale__": "pending"},
+           "build_cache": {"file_hashes": {"b.c": "x"}, "sections": [{"heading": "H", "files": ["b.c"]}]}}
+    body = "## H\n[[b.c:1-2]]"
+    citations = [{"path": "b.c", "line_start": 1, "line_end": 2}]
+    return {
+        "skeleton": lambda: host._persist_plan_skeleton(plans),
+        "skeleton failing": lambda: host._persist_plan_skeleton([PagePlan(page_id="module-a", source_files=3)]),
+        "select": lambda: host._select_stale(plans, existing, False),
+        "select forced": lambda: host._select_stale(plans, existing, True),
+        "mark": lambda: host._mark_synthesis_stale(["b", "a"]),
+        "mark unorderable": lambda: host._mark_synthesis_stale(["b", 1]),
+        "section cache": lambda: host._section_cache(body, citations),
+        "changes": lambda: host._page_changes(plans[0], row),
+        "changes not a mapping": lambda: host._page_changes(plans[0], {"content_hash": "c", "source_hashes": "x"}),
+        "method binding errors": lambda: host._select_stale(plans),
+    }
+
+
+@pytest.mark.parametrize("probe", ["skeleton", "skeleton failing", "select", "select forced", "mark",
+                                   "mark unorderable", "section cache", "changes", "changes not a mapping",
+                                   "method binding errors"])
+def test_store_side_does_not_leak(native: ModuleType, probe: str) -> None:
+    assert growth(store_side_probes(native)[probe], rounds=2000) < TOLERANCE

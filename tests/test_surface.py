@@ -10,6 +10,7 @@ import subprocess
 import sys
 import textwrap
 import types
+from pathlib import Path
 from types import ModuleType
 from typing import Any
 
@@ -30,8 +31,10 @@ BINDING_ORDER = [
     "logger", "_MIN_NEW_PAGE_FILES", "_PLAN_LOG_NAME", "_CATCH_ALL_RE",
     "_plan_from_row", "pin_plan", "_demote_unrecorded_families", "_by_importance",
     "_PLAN_LOG_MAX_LINES", "_PLAN_LOG_KEEP_LINES",
+    "append_plan_log", "drift_signal",
     "PlanRecordMixin",
     "_STALE_SENTINEL", "_SECTION_RE",
+    "_sections", "section_map",
 ]
 
 FUNCTIONS = {
@@ -52,6 +55,23 @@ FUNCTIONS = {
     "_plan_from_row": (
         "(row: 'dict[str, Any]', live_paths: 'set[str]') -> 'PagePlan'",
         "Rebuild a PagePlan from a stored wiki page row (pinned identity).",
+    ),
+    "append_plan_log": (
+        "(wiki_dir: 'Path', amendments: 'list[dict[str, Any]]', *, replan: 'bool') -> 'None'",
+        "Append this run's amendments to the branch's plan audit log.",
+    ),
+    "drift_signal": (
+        "(amendments: 'list[dict[str, Any]]', plan_size: 'int') -> 'str | None'",
+        "Human-readable drift warning when structure churns, else None.",
+    ),
+    "_sections": (
+        "(body: 'str') -> 'list[tuple[str, str]]'",
+        "``(heading, text)`` of each ``##`` section of a body, outside code fences; the text",
+    ),
+    "section_map": (
+        "(body: 'str', citations: 'Sequence[dict[str, Any]]', file_hashes: 'dict[str, str]') "
+        "-> 'list[dict[str, Any]]'",
+        "``[{heading, files, symbols, hash}]``: what each section of a body cites.",
     ),
 }
 
@@ -151,6 +171,17 @@ class TestFunctions:
             messages.append(str(caught.value))
         assert messages[0] == messages[1]
 
+    def test_replan_of_the_plan_log_is_required_and_keyword_only(self, impl: ModuleType,
+                                                                   tmp_path: Path) -> None:
+        with pytest.raises(TypeError) as caught:
+            impl.append_plan_log(tmp_path, [{"action": "add"}])
+        assert str(caught.value) == (
+            "append_plan_log() missing 1 required keyword-only argument: 'replan'")
+        refused = r"^append_plan_log\(\) takes 2 positional arguments but 3 were given$"
+        with pytest.raises(TypeError, match=refused):
+            impl.append_plan_log(tmp_path, [{"action": "add"}], True)
+        assert list(tmp_path.iterdir()) == []
+
     def test_keyword_arguments_bind(self, impl: ModuleType) -> None:
         plan = impl._plan_from_row(live_paths={"a"}, row={"page_id": "p", "source_files": ["a"]})
         assert plan.source_files == ["a"]
@@ -193,6 +224,46 @@ class TestMixinClass:
 
     def test_same_body_as_the_twin(self, native: ModuleType, twin: ModuleType) -> None:
         assert list(vars(native.PlanRecordMixin)) == list(vars(twin.PlanRecordMixin))
+
+    METHODS = {
+        "_persist_plan_skeleton": "(self, plans: 'list[PagePlan]') -> 'int'",
+        "_select_stale": "(self, plans: 'list[PagePlan]', existing: 'dict[str, dict[str, Any]]', "
+                         "force: 'bool') -> 'set[str]'",
+        "_mark_synthesis_stale": "(self, page_ids: 'Iterable[str]') -> 'None'",
+        "_section_cache": "(self, body: 'str', citations: 'list[dict[str, Any]]') -> 'dict[str, Any]'",
+        "_page_changes": "(self, plan: 'PagePlan', row: 'dict[str, Any] | None') -> 'dict[str, Any]'",
+    }
+
+    def test_methods_in_order_and_shape(self, impl: ModuleType) -> None:
+        cls = impl.PlanRecordMixin
+        methods = [name for name in vars(cls) if not name.startswith("__")]
+        assert methods == list(self.METHODS)
+        for name, signature in self.METHODS.items():
+            method = vars(cls)[name]
+            assert method.__qualname__ == f"PlanRecordMixin.{name}" and method.__name__ == name
+            assert method.__module__ == impl.__name__
+            assert str(inspect.signature(method)) == signature
+            assert list(method.__annotations__)[-1] == "return" and "self" not in method.__annotations__
+
+    def test_methods_match_the_twin(self, native: ModuleType, twin: ModuleType) -> None:
+        for name in self.METHODS:
+            a, b = getattr(native.PlanRecordMixin, name), getattr(twin.PlanRecordMixin, name)
+            assert (a.__doc__, a.__annotations__, a.__defaults__, a.__kwdefaults__) == (
+                b.__doc__, b.__annotations__, b.__defaults__, b.__kwdefaults__)
+
+    def test_methods_bind_to_instances(self, impl: ModuleType) -> None:
+        class Host(impl.PlanRecordMixin):  # type: ignore[name-defined,misc]
+            pass
+
+        host = Host()
+        bound = host._select_stale
+        assert isinstance(bound, types.MethodType) and bound.__self__ is host
+        assert str(inspect.signature(bound)).startswith("(plans: 'list[PagePlan]', existing")
+        assert bound([], {}, True) == set()
+        with pytest.raises(TypeError) as caught:
+            host._select_stale([], {})
+        assert str(caught.value) == ("PlanRecordMixin._select_stale() missing 1 required positional "
+                                     "argument: 'force'")
 
 
 class TestCallTimeLookup:

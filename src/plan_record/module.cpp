@@ -188,6 +188,9 @@ void init_state(PyObject* module) {
                                           "source_files", "children", "related_pages", "type"})
                               .release();
   st.level_keyword = interned_tuple({"level"}).release();
+  st.skeleton_columns = interned_tuple({"description", "importance", "level", "parent_section", "rel_path",
+                                        "source_files", "source_hashes", "related_pages", "status", "page_type"})
+                            .release();
 }
 
 int module_exec(PyObject* module) noexcept {
@@ -206,6 +209,7 @@ int module_traverse(PyObject* module, visitproc visit, void* arg) noexcept {
   Py_VISIT(st.row_plan_fields);
   Py_VISIT(st.parent_plan_fields);
   Py_VISIT(st.level_keyword);
+  Py_VISIT(st.skeleton_columns);
   Py_VISIT(st.catch_all_re);
   Py_VISIT(st.section_re);
   return 0;
@@ -220,6 +224,7 @@ int module_clear(PyObject* module) noexcept {
   Py_CLEAR(st.row_plan_fields);
   Py_CLEAR(st.parent_plan_fields);
   Py_CLEAR(st.level_keyword);
+  Py_CLEAR(st.skeleton_columns);
   Py_CLEAR(st.catch_all_re);
   Py_CLEAR(st.section_re);
   return 0;

@@ -1,5 +1,7 @@
 #include "records.hpp"
 
+#include <array>
+
 namespace plan_record {
 
 Ref row_get(const Names& names, PyObject* row, PyObject* key) {
@@ -93,6 +95,57 @@ std::pair<Ref, Ref> unpack_pair(PyObject* pair) {
   }
   if (Ref extra = next(it.get())) raise(PyExc_ValueError, "too many values to unpack (expected 2)");
   return {std::move(first), std::move(second)};
+}
+
+namespace {
+
+// A special method as the interpreter finds it: on the type, bound to `obj`.
+Ref lookup_special(PyObject* obj, PyObject* name) {
+  PyObject* found = _PyType_Lookup(Py_TYPE(obj), name);  // borrowed, no error set
+  if (!found) return Ref();
+  if (descrgetfunc get = Py_TYPE(found)->tp_descr_get) {
+    return check(get(found, obj, reinterpret_cast<PyObject*>(Py_TYPE(obj))));
+  }
+  return Ref::borrow(found);
+}
+
+}  // namespace
+
+ContextExit::ContextExit(const Names& names, PyObject* manager) {
+  Ref enter = lookup_special(manager, names.enter);
+  if (!enter) {
+    if (PyErr_Occurred()) raise();
+    raise_format(PyExc_TypeError, "'%.200s' object does not support the context manager protocol",
+                 Py_TYPE(manager)->tp_name);
+  }
+  exit_ = lookup_special(manager, names.exit);
+  if (!exit_) {
+    if (PyErr_Occurred()) raise();
+    raise_format(PyExc_TypeError,
+                 "'%.200s' object does not support the context manager protocol (missed __exit__ method)",
+                 Py_TYPE(manager)->tp_name);
+  }
+  call(enter.get(), {});
+}
+
+void ContextExit::on_success() { call(exit_.get(), {Py_None, Py_None, Py_None}); }
+
+void ContextExit::on_error() {
+  Ref error = Ref::steal_maybe(PyErr_GetRaisedException());
+  Ref type = Ref::borrow(reinterpret_cast<PyObject*>(Py_TYPE(error.get())));
+  Ref traceback = Ref::steal_maybe(PyException_GetTraceback(error.get()));
+  // While __exit__ runs the error is the one being handled, so what it raises
+  // chains to it.
+  Ref handled = Ref::steal_maybe(PyErr_GetHandledException());
+  PyErr_SetHandledException(error.get());
+  Ref suppress = Ref::steal_maybe(PyObject_Vectorcall(
+      exit_.get(), std::array<PyObject*, 3>{type.get(), error.get(), traceback ? traceback.get() : Py_None}.data(),
+      3, nullptr));
+  PyErr_SetHandledException(handled.get());
+  if (!suppress) raise();
+  if (truthy(suppress.get())) return;
+  PyErr_SetRaisedException(error.release());
+  raise();
 }
 
 bool native_catch_all_match(PyObject* subject) {

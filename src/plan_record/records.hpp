@@ -130,4 +130,37 @@ inline Ref sorted_list(PyObject* iterable) {
   return list;
 }
 
+// The `__enter__`/`__exit__` pair of a context manager, looked up on its type
+// as the with statement looks them up.
+class ContextExit {
+ public:
+  // Looks up both methods and calls `__enter__`; its value is not kept.
+  ContextExit(const Names& names, PyObject* manager);
+  // `__exit__(None, None, None)`.
+  void on_success();
+  // `__exit__(type, value, traceback)` for the error now set: returns when the
+  // manager suppressed it, else throws with the error set again.
+  void on_error();
+
+ private:
+  Ref exit_;
+};
+
+// `with manager: body()`
+template <class Body>
+void with_context(const Names& names, PyObject* manager, Body&& body) {
+  ContextExit context(names, manager);
+  try {
+    body();
+  } catch (const PyErrorSet&) {
+    context.on_error();
+    return;
+  } catch (const std::bad_alloc&) {
+    PyErr_NoMemory();
+    context.on_error();
+    return;
+  }
+  context.on_success();
+}
+
 }  // namespace plan_record

@@ -43,6 +43,66 @@ namespace plan_record {
   X(PINNED_LEVELS, "PINNED_LEVELS")                   \
   X(CATCH_ALL_RE, "_CATCH_ALL_RE")                    \
   X(SECTION_RE, "_SECTION_RE")                        \
+  /* plan log, drift, sections */                     \
+  X(PLAN_LOG_NAME, "_PLAN_LOG_NAME")                  \
+  X(PLAN_LOG_MAX_LINES, "_PLAN_LOG_MAX_LINES")        \
+  X(PLAN_LOG_KEEP_LINES, "_PLAN_LOG_KEEP_LINES")      \
+  X(datetime, "datetime")                             \
+  X(now, "now")                                       \
+  X(isoformat, "isoformat")                           \
+  X(timespec, "timespec")                             \
+  X(seconds, "seconds")                               \
+  X(parent, "parent")                                 \
+  X(mkdir, "mkdir")                                   \
+  X(parents, "parents")                               \
+  X(exist_ok, "exist_ok")                             \
+  X(open, "open")                                     \
+  X(append_mode, "a")                                 \
+  X(encoding, "encoding")                             \
+  X(utf_8, "utf-8")                                   \
+  X(dunder_enter, "__enter__")                        \
+  X(dunder_exit, "__exit__")                          \
+  X(json, "json")                                     \
+  X(dumps, "dumps")                                   \
+  X(ensure_ascii, "ensure_ascii")                     \
+  X(write, "write")                                   \
+  X(line_feed, "\n")                                  \
+  X(read_text, "read_text")                           \
+  X(split, "split")                                   \
+  X(name, "name")                                     \
+  X(with_name, "with_name")                           \
+  X(trim_suffix, ".trim")                             \
+  X(write_text, "write_text")                         \
+  X(replace, "replace")                               \
+  X(unlink, "unlink")                                 \
+  X(missing_ok, "missing_ok")                         \
+  X(logger, "logger")                                 \
+  X(warning, "warning")                               \
+  X(exc_info, "exc_info")                             \
+  X(log_failed, "could not append wiki plan log")     \
+  X(at, "at")                                         \
+  X(replan, "replan")                                 \
+  X(amendments, "amendments")                         \
+  X(action, "action")                                 \
+  X(action_add, "add")                                \
+  X(action_retire, "retire")                          \
+  X(action_remap, "remap")                            \
+  X(lstrip, "lstrip")                                 \
+  X(group, "group")                                   \
+  X(fence_backticks, "```")                           \
+  X(fence_tildes, "~~~")                              \
+  X(sections, "_sections")                            \
+  X(citation_path, "path")                            \
+  X(line_start, "line_start")                         \
+  X(line_end, "line_end")                             \
+  X(symbol, "symbol")                                 \
+  X(prose_citations, "prose_citations")               \
+  X(citation_key, "citation_key")                     \
+  X(text_hash, "_text_hash")                          \
+  X(heading, "heading")                               \
+  X(files, "files")                                   \
+  X(symbols, "symbols")                               \
+  X(hash, "hash")                                     \
   X(plan_from_row, "_plan_from_row")                 \
   /* reconciliation */                               \
   X(items, "items")                                   \
@@ -75,7 +135,39 @@ namespace plan_record {
   X(removed_from_steering, "removed from steering")   \
   X(files_gone, "all source files gone")              \
   X(children_retired, "all decomposed children retired") \
-  X(catch_all_empty, "catch-all has no remaining files")
+  X(catch_all_empty, "catch-all has no remaining files") \
+  /* store side */                                   \
+  X(repository, "repository")                         \
+  X(db, "db")                                         \
+  X(transaction, "transaction")                       \
+  X(upsert_wiki_page, "upsert_wiki_page")             \
+  X(execute, "execute")                               \
+  X(branch, "branch")                                 \
+  X(existing_attr, "_existing")                       \
+  X(hashes_with_steering, "_hashes_with_steering")    \
+  X(source_hashes_method, "_source_hashes")           \
+  X(stored_source_files, "stored_source_files")       \
+  X(section_of, "section_of")                         \
+  X(STALE_SENTINEL, "_STALE_SENTINEL")                \
+  X(STEERING_SENTINEL, "STEERING_SENTINEL")           \
+  X(pending, "pending")                               \
+  X(stale, "stale")                                   \
+  X(source_hashes, "source_hashes")                   \
+  X(content_hash, "content_hash")                     \
+  X(build_cache, "build_cache")                       \
+  X(file_hashes, "file_hashes")                       \
+  X(sections_key, "sections")                         \
+  X(path, "path")                                     \
+  X(norm, "_norm")                                    \
+  X(changed_files, "changed_files")                   \
+  X(stale_sections, "stale_sections")                 \
+  X(changed_files_key, "changed_files")               \
+  X(stale_sections_key, "stale_sections")             \
+  X(removed, "removed")                               \
+  X(modified, "modified")                             \
+  X(section_map, "section_map")                       \
+  X(enter, "__enter__")                               \
+  X(exit, "__exit__")
 
 struct Names {
 #define PLAN_RECORD_NAME_FIELD(field, literal) PyObject* field;
@@ -91,6 +183,8 @@ struct ModuleState {
   PyObject* row_plan_fields;
   PyObject* parent_plan_fields;
   PyObject* level_keyword;
+  // Keyword names of a skeleton row's columns, in the order they are passed.
+  PyObject* skeleton_columns;
   // The patterns as compiled at initialisation: while a module attribute still
   // holds one of these very objects, matching may take the native path.
   PyObject* catch_all_re;

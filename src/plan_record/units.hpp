@@ -12,6 +12,14 @@ extern const FunctionSpec pin_plan_spec;
 extern const FunctionSpec demote_unrecorded_families_spec;
 extern const FunctionSpec by_importance_spec;
 
+// Plan audit log and drift.
+extern const FunctionSpec append_plan_log_spec;
+extern const FunctionSpec drift_signal_spec;
+
+// Section analysis.
+extern const FunctionSpec sections_spec;
+extern const FunctionSpec section_map_spec;
+
 // Store side: builds `PlanRecordMixin` from its bases, which must already be
 // bound in the module's namespace.
 Ref make_mixin_class(PyObject* module);

@@ -410,6 +410,110 @@ class PlanRecordMixin(PageRetirementMixin, SteeringMixin):
     pages_dir: Path
     _existing: dict[str, dict[str, Any]]
 
+    def _persist_plan_skeleton(self, plans: list[PagePlan]) -> int:
+        """Write the first plan as skeleton rows, one transaction, and count them.
+
+        Every pinned-level page with files, or family parent with children,
+        that the store does not hold gets a row with the stale mark for hashes,
+        so later derivations pin against it. Steering pages get none.
+        """
+        persisted = 0
+        with self.repository.db.transaction():
+            for p in plans:
+                if p.level not in PINNED_LEVELS or p.page_id.startswith("custom-"):
+                    continue
+                if not p.source_files and not p.children:
+                    continue
+                if p.page_id in self._existing:
+                    continue
+                self.repository.upsert_wiki_page(
+                    self.branch,
+                    p.page_id,
+                    p.title,
+                    description=p.description or "",
+                    importance=p.importance or "medium",
+                    level=p.level,
+                    parent_section=section_of(p),
+                    rel_path=f"pages/{p.page_id}.md",
+                    source_files=p.stored_source_files(),
+                    source_hashes={_STALE_SENTINEL: "pending"},
+                    related_pages=p.children or p.related_pages,
+                    status="stale",
+                    page_type=p.type,
+                )
+                persisted += 1
+        return persisted
+
+    def _select_stale(
+        self, plans: list[PagePlan], existing: dict[str, dict[str, Any]], force: bool
+    ) -> set[str]:
+        """The ids of the planned pages whose source files or steering changed.
+
+        Every planned page on a forced build or an empty store; otherwise the
+        pages without a row and those whose current hashes differ from the
+        stored ones. Each page is judged by its own row alone.
+        """
+        if force or not existing:
+            return {plan.page_id for plan in plans}
+        stale: set[str] = set()
+        for plan in plans:
+            prev = existing.get(plan.page_id)
+            if prev is None:
+                stale.add(plan.page_id)
+                continue
+            files_to_check = plan.source_files or prev.get("source_files", [])
+            current = self._hashes_with_steering(files_to_check)  # type: ignore[attr-defined]
+            if current != prev.get("source_hashes", {}):
+                stale.add(plan.page_id)
+        return stale
+
+    def _mark_synthesis_stale(self, page_ids: Iterable[str]) -> None:
+        """Write the stale mark into the rows of these pages of this branch."""
+        ids = sorted(set(page_ids))
+        if not ids:
+            return
+        placeholders = ",".join("?" * len(ids))
+        self.repository.db.execute(
+            "UPDATE wiki_pages SET source_hashes = ? WHERE branch = ? AND page_id IN ("
+            + placeholders
+            + ")",
+            (json.dumps({_STALE_SENTINEL: "pending"}), self.branch, *ids),
+        )
+
+    def _section_cache(self, body: str, citations: list[dict[str, Any]]) -> dict[str, Any]:
+        """The build cache of a saved body: its section map and cited files' hashes."""
+        cited = sorted({str(c["path"]) for c in citations if c.get("path")})
+        file_hashes = self._source_hashes(cited)  # type: ignore[attr-defined]
+        return {
+            "sections": section_map(body, citations, file_hashes),
+            "file_hashes": file_hashes,
+        }
+
+    def _page_changes(self, plan: PagePlan, row: dict[str, Any] | None) -> dict[str, Any]:
+        """Files changed since a written page was saved, and its stale sections.
+
+        Empty for a page never written. Recorded hashes merge the row's source
+        hashes with the build cache's file hashes (the cache wins); the steering
+        digest and the stale mark are never compared as files.
+        """
+        if not row or not row.get("content_hash"):
+            return {}
+        cache = row.get("build_cache") or {}
+        recorded = {**(row.get("source_hashes") or {}), **(cache.get("file_hashes") or {})}
+        stored = {
+            path: digest
+            for path, digest in recorded.items()
+            if path not in (STEERING_SENTINEL, _STALE_SENTINEL)
+        }
+        planned = {_norm(path) for path in plan.source_files} | set(stored)
+        current = self._source_hashes(sorted(planned))  # type: ignore[attr-defined]
+        changes = changed_files(stored, current, planned)
+        touched = set(changes["removed"]) | set(changes["modified"])
+        return {
+            "changed_files": changes,
+            "stale_sections": stale_sections(cache.get("sections") or [], touched),
+        }
+
 
 _STALE_SENTINEL = "__stale__"
 

@@ -1,0 +1,10 @@
+"""``python -m malde_ostrel.workers.wiki``: the ``ostrel-wiki`` console tool."""
+
+from __future__ import annotations
+
+import sys
+
+from malde_ostrel.workers.wiki.cli import main
+
+if __name__ == "__main__":
+    sys.exit(main())

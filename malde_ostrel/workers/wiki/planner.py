@@ -1,0 +1,347 @@
+"""The structural plan of a repository's wiki, derived from its live paths alone.
+
+Rules (the same paths and steering always give the same plan, in the same order):
+
+* A source file is a file whose extension is in ``SOURCE_EXTENSIONS``; every
+  other file is left to the steering pages.
+* Each directory that directly holds source files is one code-unit page,
+  ``module-<directory>`` (``ROOT_UNIT_ID`` for top-level files), level
+  "module", titled by the directory's own name.  Its importance score is its
+  file count divided by the largest directory's.
+* A directory with more than ``MAX_FILES_PER_PAGE`` source files becomes a
+  decomposed family: a parent page that lists its children and holds no
+  files, and parts ``<parent>-part-1``, ``<parent>-part-2``, ... taking the
+  sorted files in runs of at most ``MAX_FILES_PER_PAGE``.
+* Two non-code pages with literal ids: ``overview`` always, ``architecture``
+  when there are at least ``ARCHITECTURE_MIN_CODE_PAGES`` code-unit pages.
+* Steering pages come from ``STEERING_FILE`` at the repository root (see
+  ``read_steering``): ``custom-<slug of title>``, level "module", with the
+  live paths its glob patterns match.
+
+Page ids use lower-case letters, digits and single hyphens.  Two directories
+whose ids would collide (``a_b`` and ``a-b``) are told apart by a numeric
+suffix given in path order; a directory id never takes the catch-all page's
+id form (``module-additional``), which pinning reserves.
+"""
+
+from __future__ import annotations
+
+import dataclasses
+import re
+import tomllib
+from collections.abc import Iterable
+from pathlib import Path, PurePosixPath
+from typing import Any
+
+from malde_ostrel.workers.wiki.page_sources import unit_topic
+from malde_ostrel.workers.wiki.types import PagePlan
+
+SOURCE_EXTENSIONS: frozenset[str] = frozenset(
+    {
+        ".c", ".h", ".cc", ".cpp", ".cxx", ".hh", ".hpp", ".hxx", ".m", ".mm",
+        ".py", ".pyi", ".pyx", ".rs", ".go", ".java", ".kt", ".kts", ".scala",
+        ".js", ".jsx", ".mjs", ".cjs", ".ts", ".tsx", ".rb", ".php", ".cs",
+        ".swift", ".lua", ".pl", ".pm", ".sh", ".bash", ".zig", ".hs", ".ml",
+        ".ex", ".exs", ".erl", ".clj", ".dart", ".jl", ".r", ".sql",
+    }
+)  # fmt: skip
+MAX_FILES_PER_PAGE = 12
+ARCHITECTURE_MIN_CODE_PAGES = 3
+STEERING_FILE = ".ostrel-wiki.toml"
+
+UNIT_PREFIX = "module-"
+ROOT_UNIT_ID = "module-root"
+STEERING_PREFIX = "custom-"
+OVERVIEW_ID = "overview"
+ARCHITECTURE_ID = "architecture"
+
+# Same form as the catch-all page id that plan pinning owns.
+_RESERVED_RE = re.compile(r"^module-additional(-\d+)?$")
+_UNSAFE_RE = re.compile(r"[^a-z0-9]+")
+_STEERING_KEYS = frozenset({"steering", "page"})
+_PAGE_KEYS = frozenset({"title", "files", "description"})
+
+
+class SteeringError(ValueError):
+    """The steering file cannot be read or does not have the expected form."""
+
+
+@dataclasses.dataclass(frozen=True)
+class SteeringPage:
+    """A page the user asks for: a title and the glob patterns of its files."""
+
+    title: str
+    files: tuple[str, ...] = ()
+    description: str = ""
+
+
+@dataclasses.dataclass(frozen=True)
+class Steering:
+    """The contents of the steering file; empty when there is none."""
+
+    text: str | None = None
+    pages: tuple[SteeringPage, ...] = ()
+
+
+def is_source(path: str) -> bool:
+    """True for a path whose extension marks a source file."""
+    return PurePosixPath(path).suffix.lower() in SOURCE_EXTENSIONS
+
+
+def source_paths(paths: Iterable[str]) -> set[str]:
+    """The source files among ``paths``: what the code-unit pages document."""
+    return {path for path in paths if is_source(path)}
+
+
+def slug(text: str) -> str:
+    """Lower-case letters and digits of ``text``, other runs replaced by one hyphen."""
+    return _UNSAFE_RE.sub("-", text.lower()).strip("-")
+
+
+def _unique(base: str, taken: set[str], *extra: str) -> str:
+    """``base``, or ``base-2``, ``base-3``, ...: the first id that, with the
+    given suffixes appended, is not taken; a reserved base gets "-code" first."""
+    if _RESERVED_RE.match(base):
+        base += "-code"
+    n = 1
+    while True:
+        candidate = base if n == 1 else f"{base}-{n}"
+        ids = [candidate, *(candidate + suffix for suffix in extra)]
+        if not taken.intersection(ids):
+            taken.update(ids)
+            return candidate
+        n += 1
+
+
+def _importance(score: float) -> str:
+    if score >= 2 / 3:
+        return "high"
+    if score >= 1 / 3:
+        return "medium"
+    return "low"
+
+
+def _code_pages(sources: list[str]) -> list[PagePlan]:
+    by_dir: dict[str, list[str]] = {}
+    for path in sorted(sources):
+        by_dir.setdefault(path.rpartition("/")[0], []).append(path)
+    if not by_dir:
+        return []
+    largest = max(len(files) for files in by_dir.values())
+    taken: set[str] = set()
+    pages: list[PagePlan] = []
+    for directory in sorted(by_dir):
+        files = by_dir[directory]
+        name = directory.rpartition("/")[2] or "top level"
+        where = f"{directory}/" if directory else "the top-level directory"
+        base = UNIT_PREFIX + slug(directory) if slug(directory) else ROOT_UNIT_ID
+        score = len(files) / largest
+        if len(files) <= MAX_FILES_PER_PAGE:
+            pages.append(
+                PagePlan(
+                    page_id=_unique(base, taken),
+                    title=name,
+                    level="module",
+                    importance=_importance(score),
+                    description=f"Code in {where}",
+                    topic=unit_topic(name, files),
+                    source_files=files,
+                    importance_score=score,
+                )
+            )
+            continue
+        chunks = [
+            files[i : i + MAX_FILES_PER_PAGE] for i in range(0, len(files), MAX_FILES_PER_PAGE)
+        ]
+        suffixes = [f"-part-{k}" for k in range(1, len(chunks) + 1)]
+        parent_id = _unique(base, taken, *suffixes)
+        parts = [
+            PagePlan(
+                page_id=parent_id + suffix,
+                title=f"{name} (part {k})",
+                level="module",
+                importance=_importance(len(chunk) / largest),
+                description=f"Code in {where}, part {k} of {len(chunks)}",
+                topic=unit_topic(name, chunk),
+                source_files=chunk,
+                importance_score=len(chunk) / largest,
+            )
+            for k, (suffix, chunk) in enumerate(zip(suffixes, chunks, strict=True), start=1)
+        ]
+        pages.append(
+            PagePlan(
+                page_id=parent_id,
+                title=name,
+                level="module",
+                importance=_importance(score),
+                description=f"Code in {where}, in {len(chunks)} parts",
+                topic=unit_topic(name, files),
+                children=[part.page_id for part in parts],
+                importance_score=score,
+            )
+        )
+        pages.extend(parts)
+    return pages
+
+
+def _glob_regex(pattern: str) -> re.Pattern[str]:
+    """A glob over whole repository paths: "*" and "?" stay within one path
+    step, "**" spans any number of steps, "[...]" is a character class; a
+    pattern ending in "/" covers everything below that directory."""
+    text = pattern.strip().lstrip("/")
+    if text.endswith("/"):
+        text += "**"
+    steps = text.split("/")
+    out: list[str] = []
+    for index, step in enumerate(steps):
+        last = index == len(steps) - 1
+        if step == "**":
+            out.append(".*" if last else "(?:[^/]+/)*")
+            continue
+        out.append(_glob_step(step))
+        if not last:
+            out.append("/")
+    return re.compile("".join(out))
+
+
+def _glob_step(step: str) -> str:
+    out: list[str] = []
+    i = 0
+    while i < len(step):
+        char = step[i]
+        if char == "*":
+            out.append("[^/]*")
+        elif char == "?":
+            out.append("[^/]")
+        elif char == "[" and (close := step.find("]", i + 2)) != -1:
+            inner = step[i + 1 : close]
+            negate = inner.startswith("!")
+            body = re.escape(inner[1:] if negate else inner).replace("\\-", "-")
+            out.append(f"[{'^' if negate else ''}{body}]")
+            i = close
+        else:
+            out.append(re.escape(char))
+        i += 1
+    return "".join(out)
+
+
+def matching(patterns: Iterable[str], paths: Iterable[str]) -> list[str]:
+    """The paths matched by any of the glob patterns, sorted."""
+    regexes = [_glob_regex(pattern) for pattern in patterns if pattern.strip()]
+    return sorted({path for path in paths if any(rx.fullmatch(path) for rx in regexes)})
+
+
+def _steering_pages(steering: Steering, paths: list[str]) -> list[PagePlan]:
+    taken: set[str] = set()
+    pages: list[PagePlan] = []
+    for page in steering.pages:
+        files = matching(page.files, paths)
+        pages.append(
+            PagePlan(
+                page_id=_unique(STEERING_PREFIX + (slug(page.title) or "page"), taken),
+                title=page.title,
+                level="module",
+                description=page.description or f"{page.title} (asked for in {STEERING_FILE})",
+                topic=unit_topic(page.title, files),
+                source_files=files,
+            )
+        )
+    return pages
+
+
+def plan_pages(paths: Iterable[str], steering: Steering | None = None) -> list[PagePlan]:
+    """The fresh plan: overview pages, code-unit pages in path order, steering pages."""
+    every = sorted(set(paths))
+    code = _code_pages(sorted(source_paths(every)))
+    plans = [
+        PagePlan(
+            page_id=OVERVIEW_ID,
+            title="Overview",
+            level="overview",
+            importance="high",
+            description="What the repository is for and how it is laid out",
+        )
+    ]
+    if len(code) >= ARCHITECTURE_MIN_CODE_PAGES:
+        plans.append(
+            PagePlan(
+                page_id=ARCHITECTURE_ID,
+                title="Architecture",
+                level="overview",
+                importance="high",
+                description="How the code units fit together",
+            )
+        )
+    plans.extend(code)
+    if steering is not None:
+        plans.extend(_steering_pages(steering, every))
+    return plans
+
+
+def _text(value: Any, where: str) -> str:
+    if not isinstance(value, str):
+        raise SteeringError(f"{where} must be a string")
+    return value
+
+
+def _page(table: Any, index: int) -> SteeringPage:
+    where = f"[[page]] #{index}"
+    if not isinstance(table, dict):
+        raise SteeringError(f"{where} must be a table")
+    unknown = sorted(set(table) - _PAGE_KEYS)
+    if unknown:
+        raise SteeringError(f"{where}: unknown key(s) {', '.join(unknown)}")
+    if "title" not in table:
+        raise SteeringError(f"{where} has no title")
+    title = _text(table["title"], f"{where} title").strip()
+    if not title:
+        raise SteeringError(f"{where} has an empty title")
+    raw = table.get("files", [])
+    patterns = [raw] if isinstance(raw, str) else raw
+    if not isinstance(patterns, list):
+        raise SteeringError(f"{where} files must be a list of glob patterns")
+    files = tuple(_text(p, f"{where} files entry") for p in patterns)
+    description = _text(table.get("description", ""), f"{where} description")
+    return SteeringPage(title=title, files=files, description=description)
+
+
+def parse_steering(text: str) -> Steering:
+    """Steering from the text of a steering file.
+
+    A top-level ``steering = "..."`` is guidance for every page (a change of
+    it makes the written pages stale); each ``[[page]]`` table asks for a
+    page with a ``title``, glob patterns ``files`` and an optional
+    ``description``.
+    """
+    try:
+        data = tomllib.loads(text)
+    except tomllib.TOMLDecodeError as exc:
+        raise SteeringError(f"not valid TOML: {exc}") from None
+    unknown = sorted(set(data) - _STEERING_KEYS)
+    if unknown:
+        raise SteeringError(f"unknown key(s) {', '.join(unknown)}")
+    guidance = _text(data.get("steering", ""), "steering").strip() or None
+    tables = data.get("page", [])
+    if not isinstance(tables, list):
+        raise SteeringError("page must be an array of tables ([[page]])")
+    pages = tuple(_page(table, index) for index, table in enumerate(tables, start=1))
+    return Steering(text=guidance, pages=pages)
+
+
+def read_steering(repo: Path) -> Steering:
+    """The repository's steering file, parsed; empty steering when it has none."""
+    path = repo / STEERING_FILE
+    try:
+        raw = path.read_bytes()
+    except FileNotFoundError:
+        return Steering()
+    except OSError as exc:
+        raise SteeringError(f"{path}: {exc.strerror or exc}") from None
+    try:
+        text = raw.decode("utf-8")
+    except UnicodeDecodeError:
+        raise SteeringError(f"{path}: not UTF-8 text") from None
+    try:
+        return parse_steering(text)
+    except SteeringError as exc:
+        raise SteeringError(f"{path}: {exc}") from None

@@ -1,0 +1,263 @@
+"""The page store: one row per wiki page and branch, in one SQLite file.
+
+``Database`` owns the connection: write-ahead logging so that readers in other
+connections never wait on a writer, autocommit outside explicit transactions,
+and ``transaction()`` for atomic groups of writes (nestable through savepoints).
+``Repository`` reads and writes the ``wiki_pages`` rows; list and mapping
+columns are held as JSON text and handed back decoded.
+"""
+
+from __future__ import annotations
+
+import itertools
+import json
+import sqlite3
+from collections.abc import Iterator, Sequence
+from contextlib import contextmanager
+from pathlib import Path
+from types import TracebackType
+from typing import Any, Final
+
+SCHEMA_VERSION: Final = 1
+BUSY_TIMEOUT_MS: Final = 5000
+
+# Time of a write, as SQLite makes it: ISO 8601 in UTC with milliseconds.
+_NOW_SQL: Final = "strftime('%Y-%m-%dT%H:%M:%fZ', 'now')"
+
+# Statements that take a file from version N to N + 1, at index N.
+_MIGRATIONS: Final[tuple[tuple[str, ...], ...]] = (
+    (
+        """
+        CREATE TABLE wiki_pages (
+            branch         TEXT NOT NULL,
+            page_id        TEXT NOT NULL,
+            title          TEXT NOT NULL DEFAULT '',
+            description    TEXT NOT NULL DEFAULT '',
+            importance     TEXT NOT NULL DEFAULT 'medium',
+            level          TEXT NOT NULL DEFAULT 'module',
+            parent_section TEXT,
+            rel_path       TEXT NOT NULL DEFAULT '',
+            source_files   TEXT NOT NULL DEFAULT '[]',
+            source_hashes  TEXT NOT NULL DEFAULT '{}',
+            related_pages  TEXT NOT NULL DEFAULT '[]',
+            status         TEXT NOT NULL DEFAULT 'stale',
+            page_type      TEXT NOT NULL DEFAULT '',
+            content_hash   TEXT NOT NULL DEFAULT '',
+            build_cache    TEXT NOT NULL DEFAULT '{}',
+            agent_title    TEXT NOT NULL DEFAULT '',
+            updated_at     TEXT NOT NULL,
+            PRIMARY KEY (branch, page_id)
+        )
+        """,
+        # Writes made through raw SQL (the stale mark) get their time too.
+        f"""
+        CREATE TRIGGER wiki_pages_touch AFTER UPDATE ON wiki_pages
+        WHEN NEW.updated_at IS OLD.updated_at
+        BEGIN
+            UPDATE wiki_pages SET updated_at = {_NOW_SQL}
+            WHERE branch = NEW.branch AND page_id = NEW.page_id;
+        END
+        """,
+    ),
+)
+assert len(_MIGRATIONS) == SCHEMA_VERSION
+
+# Row columns in table order, without ``branch`` (rows are read per branch).
+_COLUMNS: Final = (
+    "page_id",
+    "title",
+    "description",
+    "importance",
+    "level",
+    "parent_section",
+    "rel_path",
+    "source_files",
+    "source_hashes",
+    "related_pages",
+    "status",
+    "page_type",
+    "content_hash",
+    "build_cache",
+    "agent_title",
+    "updated_at",
+)
+_JSON_COLUMNS: Final = frozenset({"source_files", "source_hashes", "related_pages", "build_cache"})
+# Columns a caller may set by keyword; keys and the write time are the store's.
+_WRITABLE: Final = frozenset(_COLUMNS) - {"page_id", "title", "updated_at"}
+
+
+class StoreError(Exception):
+    """The page store file cannot be used by this code."""
+
+
+class Database:
+    """One connection to a page store file."""
+
+    def __init__(self, connection: sqlite3.Connection, path: Path) -> None:
+        self.path = path
+        self._conn = connection
+        self._savepoints = itertools.count(1)
+
+    @classmethod
+    def open(cls, path: Path | str) -> Database:
+        """Open (creating it and its directories if need be) and migrate a store file."""
+        path = Path(path)
+        path.parent.mkdir(parents=True, exist_ok=True)
+        conn = sqlite3.connect(path, timeout=BUSY_TIMEOUT_MS / 1000, isolation_level=None)
+        try:
+            conn.execute(f"PRAGMA busy_timeout = {BUSY_TIMEOUT_MS}")
+            conn.execute("PRAGMA journal_mode = WAL")
+            conn.execute("PRAGMA foreign_keys = ON")
+            _migrate(conn, path)
+        except sqlite3.DatabaseError as exc:
+            conn.close()
+            raise StoreError(f"cannot open page store {path}: {exc}") from exc
+        except BaseException:
+            conn.close()
+            raise
+        return cls(conn, path)
+
+    def execute(self, sql: str, params: Sequence[Any] = ()) -> sqlite3.Cursor:
+        """Run one statement with ``?`` parameters; outside a transaction it commits at once."""
+        return self._conn.execute(sql, params)
+
+    @contextmanager
+    def transaction(self) -> Iterator[Database]:
+        """Group writes atomically: commit on normal exit, roll back on any exception.
+
+        The outermost use takes the write lock at once (``BEGIN IMMEDIATE``), so a
+        transaction never fails half-way for want of it; a nested use is a
+        savepoint whose failure undoes only its own writes.
+        """
+        if self._conn.in_transaction:
+            name = f"sp_{next(self._savepoints)}"
+            self._conn.execute(f"SAVEPOINT {name}")
+            try:
+                yield self
+            except BaseException:
+                # A failed statement may have rolled the whole transaction back.
+                if self._conn.in_transaction:
+                    self._conn.execute(f"ROLLBACK TO {name}")
+                    self._conn.execute(f"RELEASE {name}")
+                raise
+            self._conn.execute(f"RELEASE {name}")
+            return
+        self._conn.execute("BEGIN IMMEDIATE")
+        try:
+            yield self
+            self._conn.execute("COMMIT")
+        except BaseException:
+            if self._conn.in_transaction:
+                self._conn.execute("ROLLBACK")
+            raise
+
+    def close(self) -> None:
+        """Close the connection; an open transaction is rolled back."""
+        self._conn.close()
+
+    def __enter__(self) -> Database:
+        return self
+
+    def __exit__(
+        self,
+        exc_type: type[BaseException] | None,
+        exc: BaseException | None,
+        tb: TracebackType | None,
+    ) -> None:
+        self.close()
+
+
+def _user_version(conn: sqlite3.Connection) -> int:
+    version = conn.execute("PRAGMA user_version").fetchone()[0]
+    return int(version)
+
+
+def _check_version(version: int, path: Path) -> None:
+    if version > SCHEMA_VERSION:
+        raise StoreError(
+            f"page store {path} has schema version {version}, but this code knows "
+            f"versions up to {SCHEMA_VERSION}; use a newer release to open it"
+        )
+
+
+def _migrate(conn: sqlite3.Connection, path: Path) -> None:
+    """Bring the file's schema to ``SCHEMA_VERSION``, all steps in one transaction."""
+    version = _user_version(conn)
+    _check_version(version, path)
+    if version == SCHEMA_VERSION:
+        return
+    conn.execute("BEGIN IMMEDIATE")
+    try:
+        # Another connection may have migrated the file while we waited for the lock.
+        version = _user_version(conn)
+        _check_version(version, path)
+        for step in range(version, SCHEMA_VERSION):
+            for statement in _MIGRATIONS[step]:
+                conn.execute(statement)
+        conn.execute(f"PRAGMA user_version = {SCHEMA_VERSION}")
+        conn.execute("COMMIT")
+    except BaseException:
+        if conn.in_transaction:
+            conn.execute("ROLLBACK")
+        raise
+
+
+class Repository:
+    """The wiki page rows of every branch."""
+
+    def __init__(self, db: Database) -> None:
+        self.db = db
+
+    def upsert_wiki_page(self, branch: str, page_id: str, title: str, **columns: Any) -> None:
+        """Insert a page row, or update the title and the given columns of the stored one.
+
+        List and mapping columns take Python values (stored as JSON text). The
+        write time is set on every call.
+        """
+        unknown = sorted(set(columns) - _WRITABLE)
+        if unknown:
+            raise ValueError(f"unknown wiki page column(s): {', '.join(unknown)}")
+        names = ["title", *columns]
+        values = [title, *(_encode(name, value) for name, value in columns.items())]
+        updates = ", ".join(f"{name} = excluded.{name}" for name in [*names, "updated_at"])
+        self.db.execute(
+            f"INSERT INTO wiki_pages (branch, page_id, {', '.join(names)}, updated_at) "
+            f"VALUES (?, ?, {', '.join('?' * len(names))}, {_NOW_SQL}) "
+            f"ON CONFLICT (branch, page_id) DO UPDATE SET {updates}",
+            (branch, page_id, *values),
+        )
+
+    def rows(self, branch: str) -> dict[str, dict[str, Any]]:
+        """The branch's page rows by page id, in page id order."""
+        cursor = self.db.execute(
+            f"SELECT {', '.join(_COLUMNS)} FROM wiki_pages WHERE branch = ? ORDER BY page_id",
+            (branch,),
+        )
+        return {row["page_id"]: row for row in (_decode(raw) for raw in cursor)}
+
+    def row(self, branch: str, page_id: str) -> dict[str, Any] | None:
+        """One page row, or None when the branch has no such page."""
+        raw = self.db.execute(
+            f"SELECT {', '.join(_COLUMNS)} FROM wiki_pages WHERE branch = ? AND page_id = ?",
+            (branch, page_id),
+        ).fetchone()
+        return None if raw is None else _decode(raw)
+
+    def delete_wiki_page(self, branch: str, page_id: str) -> None:
+        self.db.execute("DELETE FROM wiki_pages WHERE branch = ? AND page_id = ?", (branch, page_id))
+
+    def branches(self) -> list[str]:
+        """The branches that have at least one page, in order."""
+        cursor = self.db.execute("SELECT DISTINCT branch FROM wiki_pages ORDER BY branch")
+        return [str(branch) for (branch,) in cursor]
+
+
+def _encode(name: str, value: Any) -> Any:
+    return json.dumps(value) if name in _JSON_COLUMNS else value
+
+
+def _decode(raw: Sequence[Any]) -> dict[str, Any]:
+    row: dict[str, Any] = dict(zip(_COLUMNS, raw, strict=True))
+    for name in _JSON_COLUMNS:
+        row[name] = json.loads(row[name])
+    return row

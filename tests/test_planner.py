@@ -1,0 +1,188 @@
+"""The directory planner: deterministic ids, family split, steering pages."""
+
+from __future__ import annotations
+
+import random
+from pathlib import Path
+
+import pytest
+
+from malde_ostrel.workers.wiki import planner
+from malde_ostrel.workers.wiki.planner import (
+    MAX_FILES_PER_PAGE,
+    Steering,
+    SteeringError,
+    SteeringPage,
+    plan_pages,
+)
+from malde_ostrel.workers.wiki.types import PagePlan
+
+PATHS = [
+    "README.md",
+    "setup.py",
+    "src/core/a.py",
+    "src/core/b.py",
+    "src/io/read.c",
+    "src/io/read.h",
+    "docs/guide.md",
+    "Makefile",
+    *(f"big/m{i:02d}.rs" for i in range(1, 2 * MAX_FILES_PER_PAGE + 2)),
+]
+
+
+def by_id(plans: list[PagePlan]) -> dict[str, PagePlan]:
+    return {plan.page_id: plan for plan in plans}
+
+
+def test_same_paths_in_any_order_give_the_same_plan() -> None:
+    steering = Steering(text="t", pages=(SteeringPage("Guide", ("docs/**",)),))
+    first = plan_pages(PATHS, steering)
+    for seed in range(5):
+        shuffled = list(PATHS)
+        random.Random(seed).shuffle(shuffled)
+        assert plan_pages(shuffled + shuffled[:3], steering) == first
+    ids = [plan.page_id for plan in first]
+    assert len(ids) == len(set(ids))
+    assert ids[:2] == ["overview", "architecture"]
+    assert ids[-1] == "custom-guide"
+
+
+def test_one_page_per_source_directory() -> None:
+    plans = by_id(plan_pages(PATHS))
+    assert plans["module-root"].source_files == ["setup.py"]
+    assert plans["module-src-core"].source_files == ["src/core/a.py", "src/core/b.py"]
+    assert plans["module-src-io"].title == "io"
+    assert plans["module-src-io"].description == "Code in src/io/"
+    # Non-source files document nothing; a directory without sources has no page.
+    assert not any("docs" in pid for pid in plans)
+    assert all(plan.level == "module" for pid, plan in plans.items() if pid.startswith("module-"))
+    assert plans["overview"].level == plans["architecture"].level == "overview"
+
+
+def test_large_directory_becomes_a_family_of_sorted_chunks() -> None:
+    plans = plan_pages(PATHS)
+    ids = by_id(plans)
+    parent = ids["module-big"]
+    files = sorted(p for p in PATHS if p.startswith("big/"))
+    assert parent.children == ["module-big-part-1", "module-big-part-2", "module-big-part-3"]
+    assert parent.source_files == [] and parent.stored_source_files() == []
+    parts = [ids[child] for child in parent.children]
+    assert [part.source_files for part in parts] == [
+        files[:MAX_FILES_PER_PAGE],
+        files[MAX_FILES_PER_PAGE : 2 * MAX_FILES_PER_PAGE],
+        files[2 * MAX_FILES_PER_PAGE :],
+    ]
+    # Parents precede their parts; parts carry no back-link of their own.
+    order = [plan.page_id for plan in plans]
+    assert order.index("module-big") < order.index("module-big-part-1")
+    assert all(part.related_pages == [] for part in parts)
+    # The largest directory scores 1; the others in proportion.
+    assert parent.importance_score == 1.0 and parent.importance == "high"
+    assert ids["module-src-core"].importance_score == pytest.approx(2 / len(files))
+
+
+def test_exactly_the_limit_stays_one_page() -> None:
+    paths = [f"lib/f{i:02d}.go" for i in range(MAX_FILES_PER_PAGE)]
+    plans = by_id(plan_pages(paths))
+    assert plans["module-lib"].children == []
+    assert len(plans["module-lib"].source_files) == MAX_FILES_PER_PAGE
+    plans = by_id(plan_pages([*paths, "lib/zz.go"]))
+    assert plans["module-lib"].children == ["module-lib-part-1", "module-lib-part-2"]
+    assert plans["module-lib-part-2"].source_files == ["lib/zz.go"]
+
+
+def test_architecture_needs_three_code_pages() -> None:
+    two = plan_pages(["a/x.py", "b/y.py"])
+    assert [p.page_id for p in two] == ["overview", "module-a", "module-b"]
+    three = plan_pages(["a/x.py", "b/y.py", "c/z.py"])
+    assert "architecture" in by_id(three)
+    assert plan_pages([]) == plan_pages(["README.md"])
+
+
+@pytest.mark.parametrize(
+    ("paths", "expected"),
+    [
+        (["Src/My Lib/x.py"], ["module-src-my-lib"]),
+        (["a_b/x.py", "a-b/y.py"], ["module-a-b", "module-a-b-2"]),
+        # The catch-all page's id form is never given to a directory.
+        (["additional/x.py"], ["module-additional-code"]),
+        (
+            ["additional-3/x.py", "additional/3/y.py"],
+            ["module-additional-3-code", "module-additional-3-code-2"],
+        ),
+        (["root/x.py", "top.py"], ["module-root", "module-root-2"]),
+        # A directory named like a family part does not steal the part's id.
+        (
+            [*(f"w/f{i:02d}.c" for i in range(MAX_FILES_PER_PAGE + 1)), "w/part-1/k.c"],
+            ["module-w", "module-w-part-1", "module-w-part-2", "module-w-part-1-2"],
+        ),
+    ],
+)
+def test_page_ids_are_safe_and_distinct(paths: list[str], expected: list[str]) -> None:
+    ids = [p.page_id for p in plan_pages(paths) if p.page_id.startswith("module-")]
+    assert ids == expected
+    assert all(not planner._RESERVED_RE.match(pid) for pid in ids)
+
+
+@pytest.mark.parametrize(
+    ("pattern", "hits"),
+    [
+        ("docs/**", ["docs/a.md", "docs/x/b.md"]),
+        ("docs/", ["docs/a.md", "docs/x/b.md"]),
+        ("docs/*.md", ["docs/a.md"]),
+        ("**/*.md", ["README.md", "docs/a.md", "docs/x/b.md"]),
+        ("*.md", ["README.md"]),
+        ("src/**/*.py", ["src/m.py", "src/sub/n.py"]),
+        ("src/[mn].py", ["src/m.py"]),
+        ("src/[!m].py", []),
+        ("src/?.py", ["src/m.py"]),
+        ("/README.md", ["README.md"]),
+        ("docs.md", []),
+    ],
+)
+def test_glob_patterns_match_whole_paths(pattern: str, hits: list[str]) -> None:
+    paths = ["README.md", "docs/a.md", "docs/x/b.md", "src/m.py", "src/sub/n.py", "docsXmd"]
+    assert planner.matching([pattern], paths) == hits
+
+
+def test_steering_file_pages_and_text(tmp_path: Path) -> None:
+    (tmp_path / planner.STEERING_FILE).write_text(
+        'steering = "  Be brief.  "\n'
+        '[[page]]\ntitle = "Storage & Pages"\nfiles = ["src/**"]\n'
+        '[[page]]\ntitle = "storage pages"\nfiles = "README.md"\ndescription = "d"\n',
+        encoding="utf-8",
+    )
+    steering = planner.read_steering(tmp_path)
+    assert steering.text == "Be brief."
+    plans = by_id(plan_pages(["src/a.py", "README.md"], steering))
+    first, second = plans["custom-storage-pages"], plans["custom-storage-pages-2"]
+    assert (first.level, first.source_files) == ("module", ["src/a.py"])
+    assert (second.source_files, second.description) == (["README.md"], "d")
+    assert planner.read_steering(tmp_path / "missing") == Steering()
+
+
+@pytest.mark.parametrize(
+    ("text", "fragment"),
+    [
+        ("steering = ", "not valid TOML"),
+        ("steering = 3", "steering must be a string"),
+        ("stearing = 'x'", "unknown key(s) stearing"),
+        ("[[page]]\nfiles = ['a']", "has no title"),
+        ("[[page]]\ntitle = ' '", "empty title"),
+        ("[[page]]\ntitle = 'x'\nfiles = [1]", "files entry must be a string"),
+        ("[[page]]\ntitle = 'x'\nglob = 'a'", "unknown key(s) glob"),
+        ("page = 'x'", "array of tables"),
+    ],
+)
+def test_bad_steering_is_one_clear_error(tmp_path: Path, text: str, fragment: str) -> None:
+    (tmp_path / planner.STEERING_FILE).write_text(text, encoding="utf-8")
+    with pytest.raises(SteeringError) as caught:
+        planner.read_steering(tmp_path)
+    assert fragment in str(caught.value)
+    assert "\n" not in str(caught.value)
+
+
+def test_steering_file_that_is_not_utf8(tmp_path: Path) -> None:
+    (tmp_path / planner.STEERING_FILE).write_bytes(b"steering = '\xff'")
+    with pytest.raises(SteeringError, match="not UTF-8"):
+        planner.read_steering(tmp_path)
