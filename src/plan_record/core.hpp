@@ -126,19 +126,11 @@ PyObject* boundary(Body&& body) noexcept {
 // The same boundary for entry points that report by status (0 or -1).
 template <class Body>
 int boundary_status(Body&& body) noexcept {
-  try {
+  Ref done = Ref::steal_maybe(boundary([&] {
     body();
-    return 0;
-  } catch (const PyErrorSet&) {
-    if (!PyErr_Occurred()) {
-      PyErr_SetString(PyExc_SystemError, "plan_record: error signalled without an exception");
-    }
-  } catch (const std::bad_alloc&) {
-    PyErr_NoMemory();
-  } catch (...) {
-    PyErr_SetString(PyExc_SystemError, "plan_record: unexpected native exception");
-  }
-  return -1;
+    return Ref::borrow(Py_None);
+  }));
+  return done ? 0 : -1;
 }
 
 }  // namespace plan_record

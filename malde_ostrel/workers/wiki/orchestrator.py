@@ -19,6 +19,18 @@ from malde_ostrel.workers.wiki.types import PagePlan, section_of
 from malde_ostrel.workers.wiki.verify import prose_citations
 
 
+def page_columns(plan: PagePlan) -> dict[str, Any]:
+    """The columns of a page's row that come from its plan alone."""
+    return {
+        "description": plan.description or "",
+        "importance": plan.importance or "medium",
+        "level": plan.level,
+        "parent_section": section_of(plan),
+        "rel_path": f"pages/{plan.page_id}.md",
+        "page_type": plan.type,
+    }
+
+
 class GeneratorBase(PageRetirementMixin, SteeringMixin):
     """Host state and operations of the generator, without the plan-of-record mixin."""
 
@@ -98,16 +110,11 @@ class GeneratorBase(PageRetirementMixin, SteeringMixin):
                 self.branch,
                 plan.page_id,
                 plan.title,
-                description=plan.description or "",
-                importance=plan.importance or "medium",
-                level=plan.level,
-                parent_section=section_of(plan),
-                rel_path=f"pages/{plan.page_id}.md",
+                **page_columns(plan),
                 source_files=source_files,
                 source_hashes=self._hashes_with_steering(plan.source_files or recorded),
                 related_pages=plan.children or plan.related_pages,
                 status="fresh",
-                page_type=plan.type,
                 content_hash=_text_hash(body),
                 build_cache=cache,
             )
