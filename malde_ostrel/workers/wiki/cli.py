@@ -28,12 +28,12 @@ from pathlib import Path
 from typing import Any
 
 from malde_ostrel.workers.wiki import plan_record, planner, repo_scan
-from malde_ostrel.workers.wiki.orchestrator import WikiGenerator
+from malde_ostrel.workers.wiki.orchestrator import WikiGenerator, page_columns
 from malde_ostrel.workers.wiki.planner import SteeringError
-from malde_ostrel.workers.wiki.replan_carry import ReplanRemap, amend
+from malde_ostrel.workers.wiki.replan_carry import amend
 from malde_ostrel.workers.wiki.repo_facts import _norm
 from malde_ostrel.workers.wiki.store import SCHEMA_VERSION, Database, Repository, StoreError
-from malde_ostrel.workers.wiki.types import PagePlan, section_of
+from malde_ostrel.workers.wiki.types import PagePlan
 from malde_ostrel.workers.wiki.verify import prose_citations
 from malde_ostrel.workers.wiki_types import PINNED_LEVELS
 
@@ -162,38 +162,15 @@ def _generator(ctx: Context, db: Database, inputs: Inputs) -> WikiGenerator:
     )
 
 
-# Typed doors into the plan-of-record module for the calls that its stub
-# does not declare.
-_PinResult = tuple[list[PagePlan], list[dict[str, Any]], ReplanRemap]
-
-
-def _pin_plan(
-    fresh: list[PagePlan], existing: dict[str, dict[str, Any]], live: set[str], *, replan: bool
-) -> _PinResult:
-    pin: Callable[..., _PinResult] = getattr(plan_record, "pin_plan")
-    return pin(fresh, existing, live, replan=replan)
-
-
 def _persist_skeleton(gen: WikiGenerator, plans: list[PagePlan]) -> int:
-    persist: Callable[[list[PagePlan]], int] = getattr(gen, "_persist_plan_skeleton")
-    return persist([_as_record(plan) for plan in plans])
-
-
-def _stale(gen: WikiGenerator, plans: list[PagePlan]) -> set[str]:
-    select: Callable[..., set[str]] = getattr(gen, "_select_stale")
-    return select(plans, gen._existing, False)
-
-
-def _page_changes(
-    gen: WikiGenerator, plan: PagePlan, row: dict[str, Any] | None
-) -> dict[str, Any]:
-    changes: Callable[..., dict[str, Any]] = getattr(gen, "_page_changes")
-    return changes(plan, row)
+    return gen._persist_plan_skeleton([_as_record(plan) for plan in plans])
 
 
 def _pinned(gen: WikiGenerator, inputs: Inputs) -> list[PagePlan]:
     """The pinned plan as ``plan`` would derive it, without writing anything."""
-    plans, _amendments, _remap = _pin_plan(inputs.fresh, gen._existing, inputs.live, replan=False)
+    plans, _amendments, _remap = plan_record.pin_plan(
+        inputs.fresh, gen._existing, inputs.live, replan=False
+    )
     return plans
 
 
@@ -225,16 +202,11 @@ def _record_new_pages(gen: WikiGenerator, plans: list[PagePlan]) -> None:
             gen.branch,
             plan.page_id,
             plan.title,
-            description=plan.description or "",
-            importance=plan.importance or "medium",
-            level=plan.level,
-            parent_section=section_of(plan),
-            rel_path=f"{PAGES_DIR}/{plan.page_id}.md",
+            **page_columns(plan),
             source_files=plan.stored_source_files(),
             source_hashes={plan_record._STALE_SENTINEL: "pending"},
             related_pages=list(plan.children),
             status="stale",
-            page_type=plan.type,
         )
 
 
@@ -277,7 +249,7 @@ def _run_plan(ctx: Context, replan: bool) -> dict[str, Any]:
             if first:
                 _persist_skeleton(gen, inputs.fresh)
                 gen.reload()
-            plans, amendments, remap = _pin_plan(
+            plans, amendments, remap = plan_record.pin_plan(
                 inputs.fresh, gen._existing, inputs.live, replan=replan
             )
             if replan:
@@ -288,7 +260,7 @@ def _run_plan(ctx: Context, replan: bool) -> dict[str, Any]:
         plan_record.append_plan_log(ctx.wiki_dir, amendments, replan=replan)
         # A replan is the cure the drift warning suggests: no warning after one.
         drift = None if first or replan else plan_record.drift_signal(amendments, len(plans))
-        stale = _stale(gen, plans)
+        stale = gen._select_stale(plans, gen._existing, False)
     pages: list[dict[str, Any]] = [
         {
             "page_id": plan.page_id,
@@ -436,12 +408,12 @@ def cmd_status(ctx: Context, args: argparse.Namespace) -> int:
         gen = _generator(ctx, db, inputs)
         of_record = bool(gen._existing)
         plans = _pinned(gen, inputs)
-        stale = _stale(gen, plans)
+        stale = gen._select_stale(plans, gen._existing, False)
         pages: list[dict[str, Any]] = []
         for plan in plans:
             row = gen._existing.get(plan.page_id)
             written = bool(row and row.get("content_hash"))
-            changes = _page_changes(gen, plan, row) if written else {}
+            changes = gen._page_changes(plan, row) if written else {}
             pages.append(
                 {
                     "page_id": plan.page_id,
