@@ -38,3 +38,27 @@ make_venv() {
   "$python" -m venv "$dir"
   "$dir/bin/python" -m pip install --quiet --upgrade pip
 }
+
+# make_asan_venv DIR: a virtual environment with the extension built with
+# AddressSanitizer and UndefinedBehaviorSanitizer, and the test tools.
+make_asan_venv() {
+  local dir=$1
+  make_venv "$dir"
+  "$dir/bin/pip" install --quiet pytest hypothesis meson-python meson ninja
+  "$dir/bin/pip" install --quiet --no-build-isolation \
+    -Cbuild-dir="build/$(basename "$dir")" \
+    -Csetup-args=-Dbuildtype=debugoptimized \
+    -Csetup-args=-Db_sanitize=address,undefined \
+    -Csetup-args=-Db_lundef=false \
+    "-Csetup-args=-Dcpp_args=-fno-sanitize-recover=all -fno-omit-frame-pointer" \
+    "$ROOT"
+}
+
+# under_sanitizers CMD...: run CMD with the sanitizer runtimes loaded first.
+under_sanitizers() {
+  LD_PRELOAD="$(g++ -print-file-name=libasan.so):$(g++ -print-file-name=libubsan.so):$(g++ -print-file-name=libstdc++.so)" \
+  PYTHONMALLOC=malloc \
+  ASAN_OPTIONS=detect_leaks=0:abort_on_error=1:strict_init_order=1 \
+  UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
+    "$@"
+}
