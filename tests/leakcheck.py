@@ -22,14 +22,14 @@ def _swallow(action: Callable[[], Any]) -> None:
         pass
 
 
-def growth(action: Callable[[], Any], rounds: int = ROUNDS) -> int:
+def growth(action: Callable[[], Any], rounds: int = ROUNDS, warm_up: int = WARM_UP) -> int:
     if not measurable():
         # Under the sanitizers blocks are not counted: the probes still run,
         # a few times, so every raising path is exercised there too.
         for _ in range(10):
             _swallow(action)
         return 0
-    for _ in range(WARM_UP):
+    for _ in range(warm_up):
         _swallow(action)
     gc.collect()
     before = sys.getallocatedblocks()

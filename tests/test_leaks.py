@@ -171,3 +171,32 @@ def store_side_probes(m: ModuleType) -> dict[str, Callable[[], Any]]:
                                    "method binding errors"])
 def test_store_side_does_not_leak(native: ModuleType, probe: str) -> None:
     assert growth(store_side_probes(native)[probe], rounds=2000) < TOLERANCE
+
+
+def test_every_injected_fault_leaves_nothing_behind(native: ModuleType) -> None:
+    """The hostile cases, each with every collaborator call made to raise in
+    turn: repeated, the whole sweep must leave the block count flat."""
+    from hypothesis import given, settings
+
+    from .test_hostile import Faults, Run, cases
+
+    collected: list[Any] = []
+
+    @settings(max_examples=150, derandomize=True, database=None, deadline=None)
+    @given(case=cases)
+    def collect(case: Any) -> None:
+        collected.append(case)
+
+    collect()
+    sweeps: list[tuple[Any, tuple[str, int, int]]] = []
+    for case in collected:
+        normal = Run(native, case, Faults())
+        sweeps += [(case, (name, k, 0)) for name, n in sorted(normal.faults.counts.items())
+                   for k in range(1, n + 1)]
+    assert len(sweeps) > 100
+
+    def sweep() -> None:
+        for case, target in sweeps:
+            Run(native, case, Faults(target))
+
+    assert growth(sweep, rounds=6, warm_up=2) < TOLERANCE
