@@ -56,6 +56,10 @@ class Hostile:
         if op in self.fail:
             raise Boom(op)
 
+    def __repr__(self) -> str:
+        # Stable across runs: it can end up inside texts the module builds.
+        return f"Hostile({self.serial})"
+
     def __eq__(self, other: object) -> bool:
         self._check("eq")
         return self is other
