@@ -31,7 +31,7 @@ Ref persist_plan_skeleton(const Call& call) {
   Ref repository = getattr(self, n.repository);
   Ref db = getattr(repository.get(), n.db);
   Ref transaction = call_method(db.get(), n.transaction, {});
-  with_context(n, transaction.get(), [&] {
+  with_context(n, transaction.get(), [&](PyObject*) {
     for_each(plans, [&](PyObject* p) {
       Ref level = getattr(p, n.level);
       Ref pinned_levels = call.global(n.PINNED_LEVELS);

@@ -17,19 +17,6 @@ Ref keywords(std::initializer_list<PyObject*> names) {
   return tuple;
 }
 
-// Runs `action` with `error` as the exception being handled, as the body of
-// an `except` or `finally` clause sees it: `sys.exc_info()` reports it and an
-// exception raised meanwhile takes it as its context.
-template <class Action>
-void while_handling(PyObject* error, Action&& action) {
-  struct Restore {
-    Ref previous = Ref::steal_maybe(PyErr_GetHandledException());
-    ~Restore() { PyErr_SetHandledException(previous.get()); }
-  } restore;
-  PyErr_SetHandledException(error);
-  action();
-}
-
 // try: body() finally: cleanup()
 template <class Body, class Cleanup>
 void try_finally(Body&& body, Cleanup&& cleanup) {
@@ -42,39 +29,6 @@ void try_finally(Body&& body, Cleanup&& cleanup) {
     throw;
   }
   cleanup();
-}
-
-// with manager as entered: body(entered)
-template <class Body>
-void with_block(const Names& n, PyObject* manager, Body&& body) {
-  auto special = [&](PyObject* name, const char* missing) {
-    Ref found = Ref::steal_maybe(PyObject_GetAttr(manager, name));
-    if (found) return found;
-    if (!PyErr_ExceptionMatches(PyExc_AttributeError)) raise();
-    PyErr_Clear();
-    raise_format(PyExc_TypeError, "'%.200s' object does not support the context manager protocol%s",
-                 Py_TYPE(manager)->tp_name, missing);
-  };
-  Ref enter = special(n.dunder_enter, "");
-  Ref exit = special(n.dunder_exit, " (missed __exit__ method)");
-  Ref entered = call(enter.get(), {});
-  try {
-    body(entered.get());
-  } catch (const PyErrorSet&) {
-    Ref pending = Ref::steal_maybe(PyErr_GetRaisedException());
-    if (!pending) throw;
-    bool suppressed = false;
-    while_handling(pending.get(), [&] {
-      Ref traceback = Ref::steal_maybe(PyException_GetTraceback(pending.get()));
-      Ref kind = Ref::borrow(reinterpret_cast<PyObject*>(Py_TYPE(pending.get())));
-      Ref verdict = call(exit.get(), {kind.get(), pending.get(), traceback ? traceback.get() : Py_None});
-      suppressed = truthy(verdict.get());
-    });
-    if (suppressed) return;
-    PyErr_SetRaisedException(pending.release());
-    throw;
-  }
-  call(exit.get(), {Py_None, Py_None, Py_None});
 }
 
 // The text after the `k`-th line feed of `text` (0: all of it), or "" when
@@ -166,7 +120,7 @@ void append_record(const Call& call, PyObject* wiki_dir, PyObject* amendments, P
 
   Ref open = getattr(path.get(), n.open);
   Ref log = call_kw(open.get(), {n.append_mode}, {n.utf_8}, encoding_kw.get());
-  with_block(n, log.get(), [&](PyObject* entered) {
+  with_context(n, log.get(), [&](PyObject* entered) {
     Ref write = getattr(entered, n.write);
     Ref json = call.global(n.json);
     Ref dumps = getattr(json.get(), n.dumps);

@@ -112,38 +112,37 @@ Ref lookup_special(PyObject* obj, PyObject* name) {
 }  // namespace
 
 ContextExit::ContextExit(const Names& names, PyObject* manager) {
-  Ref enter = lookup_special(manager, names.enter);
+  Ref enter = lookup_special(manager, names.dunder_enter);
   if (!enter) {
     if (PyErr_Occurred()) raise();
     raise_format(PyExc_TypeError, "'%.200s' object does not support the context manager protocol",
                  Py_TYPE(manager)->tp_name);
   }
-  exit_ = lookup_special(manager, names.exit);
+  exit_ = lookup_special(manager, names.dunder_exit);
   if (!exit_) {
     if (PyErr_Occurred()) raise();
     raise_format(PyExc_TypeError,
                  "'%.200s' object does not support the context manager protocol (missed __exit__ method)",
                  Py_TYPE(manager)->tp_name);
   }
-  call(enter.get(), {});
+  entered_ = call(enter.get(), {});
 }
 
 void ContextExit::on_success() { call(exit_.get(), {Py_None, Py_None, Py_None}); }
 
 void ContextExit::on_error() {
   Ref error = Ref::steal_maybe(PyErr_GetRaisedException());
-  Ref type = Ref::borrow(reinterpret_cast<PyObject*>(Py_TYPE(error.get())));
-  Ref traceback = Ref::steal_maybe(PyException_GetTraceback(error.get()));
+  if (!error) raise();
+  bool suppressed = false;
   // While __exit__ runs the error is the one being handled, so what it raises
   // chains to it.
-  Ref handled = Ref::steal_maybe(PyErr_GetHandledException());
-  PyErr_SetHandledException(error.get());
-  Ref suppress = Ref::steal_maybe(PyObject_Vectorcall(
-      exit_.get(), std::array<PyObject*, 3>{type.get(), error.get(), traceback ? traceback.get() : Py_None}.data(),
-      3, nullptr));
-  PyErr_SetHandledException(handled.get());
-  if (!suppress) raise();
-  if (truthy(suppress.get())) return;
+  while_handling(error.get(), [&] {
+    Ref type = Ref::borrow(reinterpret_cast<PyObject*>(Py_TYPE(error.get())));
+    Ref traceback = Ref::steal_maybe(PyException_GetTraceback(error.get()));
+    Ref verdict = call(exit_.get(), {type.get(), error.get(), traceback ? traceback.get() : Py_None});
+    suppressed = truthy(verdict.get());
+  });
+  if (suppressed) return;
   PyErr_SetRaisedException(error.release());
   raise();
 }

@@ -130,12 +130,27 @@ inline Ref sorted_list(PyObject* iterable) {
   return list;
 }
 
+// Runs `action` with `error` as the exception being handled, as the body of
+// an `except` or `finally` clause sees it: `sys.exc_info()` reports it and an
+// exception raised meanwhile takes it as its context.
+template <class Action>
+void while_handling(PyObject* error, Action&& action) {
+  struct Restore {
+    Ref previous = Ref::steal_maybe(PyErr_GetHandledException());
+    ~Restore() { PyErr_SetHandledException(previous.get()); }
+  } restore;
+  PyErr_SetHandledException(error);
+  action();
+}
+
 // The `__enter__`/`__exit__` pair of a context manager, looked up on its type
 // as the with statement looks them up.
 class ContextExit {
  public:
-  // Looks up both methods and calls `__enter__`; its value is not kept.
+  // Looks up both methods and calls `__enter__`.
   ContextExit(const Names& names, PyObject* manager);
+  // What `__enter__` returned (the target of `with ... as`).
+  PyObject* entered() const noexcept { return entered_.get(); }
   // `__exit__(None, None, None)`.
   void on_success();
   // `__exit__(type, value, traceback)` for the error now set: returns when the
@@ -144,14 +159,15 @@ class ContextExit {
 
  private:
   Ref exit_;
+  Ref entered_;
 };
 
-// `with manager: body()`
+// `with manager as entered: body(entered)`
 template <class Body>
 void with_context(const Names& names, PyObject* manager, Body&& body) {
   ContextExit context(names, manager);
   try {
-    body();
+    body(context.entered());
   } catch (const PyErrorSet&) {
     context.on_error();
     return;

@@ -165,9 +165,7 @@ namespace plan_record {
   X(stale_sections_key, "stale_sections")             \
   X(removed, "removed")                               \
   X(modified, "modified")                             \
-  X(section_map, "section_map")                       \
-  X(enter, "__enter__")                               \
-  X(exit, "__exit__")
+  X(section_map, "section_map")
 
 struct Names {
 #define PLAN_RECORD_NAME_FIELD(field, literal) PyObject* field;
