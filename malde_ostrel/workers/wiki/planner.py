@@ -34,6 +34,7 @@ from pathlib import Path, PurePosixPath
 from typing import Any
 
 from malde_ostrel.workers.wiki.page_sources import unit_topic
+from malde_ostrel.workers.wiki.repo_scan import Snapshot
 from malde_ostrel.workers.wiki.types import PagePlan
 
 SOURCE_EXTENSIONS: frozenset[str] = frozenset(
@@ -58,7 +59,7 @@ ARCHITECTURE_ID = "architecture"
 # Same form as the catch-all page id that plan pinning owns.
 _RESERVED_RE = re.compile(r"^module-additional(-\d+)?$")
 _UNSAFE_RE = re.compile(r"[^a-z0-9]+")
-_STEERING_KEYS = frozenset({"steering", "page"})
+_STEERING_KEYS = frozenset({"steering", "page", "exclude"})
 _PAGE_KEYS = frozenset({"title", "files", "description"})
 
 
@@ -81,6 +82,19 @@ class Steering:
 
     text: str | None = None
     pages: tuple[SteeringPage, ...] = ()
+    # Glob patterns of paths the wiki leaves out altogether.
+    exclude: tuple[str, ...] = ()
+
+
+@dataclasses.dataclass
+class Derived:
+    """The fresh plan of a snapshot and the paths it was made from."""
+
+    fresh: list[PagePlan]
+    # The source paths the code pages document (what pinning takes as live).
+    live: set[str]
+    # The paths considered, after exclusions.
+    paths: list[str]
 
 
 def is_source(path: str) -> bool:
@@ -325,23 +339,60 @@ def parse_steering(text: str) -> Steering:
     if not isinstance(tables, list):
         raise SteeringError("page must be an array of tables ([[page]])")
     pages = tuple(_page(table, index) for index, table in enumerate(tables, start=1))
-    return Steering(text=guidance, pages=pages)
+    raw = data.get("exclude", [])
+    patterns = [raw] if isinstance(raw, str) else raw
+    if not isinstance(patterns, list):
+        raise SteeringError("exclude must be a list of glob patterns")
+    exclude = tuple(_text(p, "exclude entry") for p in patterns)
+    return Steering(text=guidance, pages=pages, exclude=exclude)
 
 
-def read_steering(repo: Path) -> Steering:
-    """The repository's steering file, parsed; empty steering when it has none."""
-    path = repo / STEERING_FILE
-    try:
-        raw = path.read_bytes()
-    except FileNotFoundError:
-        return Steering()
-    except OSError as exc:
-        raise SteeringError(f"{path}: {exc.strerror or exc}") from None
+def read_steering(source: Snapshot | Path) -> Steering:
+    """The steering file of a snapshot (or of a directory), parsed; empty
+    steering when there is none."""
+    if isinstance(source, Snapshot):
+        where = str(source.root / STEERING_FILE)
+        if not source.checked_out:
+            where = f"{STEERING_FILE} of branch {source.branch}"
+        raw = source.read_bytes(STEERING_FILE)
+        if raw is None:
+            return Steering()
+    else:
+        path = source / STEERING_FILE
+        where = str(path)
+        try:
+            raw = path.read_bytes()
+        except FileNotFoundError:
+            return Steering()
+        except OSError as exc:
+            raise SteeringError(f"{path}: {exc.strerror or exc}") from None
     try:
         text = raw.decode("utf-8")
     except UnicodeDecodeError:
-        raise SteeringError(f"{path}: not UTF-8 text") from None
+        raise SteeringError(f"{where}: not UTF-8 text") from None
     try:
         return parse_steering(text)
     except SteeringError as exc:
-        raise SteeringError(f"{path}: {exc}") from None
+        raise SteeringError(f"{where}: {exc}") from None
+
+
+def derive(snapshot: Snapshot, *, exclude: Iterable[str] = ()) -> Derived:
+    """The fresh plan of a snapshot.
+
+    Reads the steering file from the snapshot and leaves out the paths under
+    the ``exclude`` prefixes (the tool's own output, when it lives in the work
+    tree) and those the steering file's ``exclude`` globs match.
+    """
+    steering = read_steering(snapshot)
+    prefixes = tuple(p.strip("/") + "/" for p in exclude if p.strip("/"))
+    exact = {p.strip("/") for p in exclude}
+    globs = [_glob_regex(p) for p in steering.exclude if p.strip()]
+    paths = [
+        path
+        for path in snapshot.paths
+        if path not in exact
+        and not path.startswith(prefixes)
+        and not any(rx.fullmatch(path) for rx in globs)
+    ]
+    fresh = plan_pages(paths, steering)
+    return Derived(fresh, source_paths(paths), paths)

@@ -1,4 +1,9 @@
-"""Path normalisation and content hashes of repository files."""
+"""Path normalisation and content hashes of repository files.
+
+The content hash of a file is git's blob id of its bytes: the object id
+git itself gives the file, so an unchanged tracked file's hash can be read
+from git's index or a commit's tree instead of from the file.
+"""
 
 from __future__ import annotations
 
@@ -25,10 +30,17 @@ def _text_hash(text: str) -> str:
     return hashlib.sha256(data).hexdigest()[:_DIGITS]
 
 
+def blob_id(data: bytes, algorithm: str = "sha1") -> str:
+    """git's object id of a blob holding ``data`` (``algorithm``: "sha1" or "sha256")."""
+    digest = hashlib.new(algorithm, b"blob %d\0" % len(data), usedforsecurity=False)
+    digest.update(data)
+    return digest.hexdigest()
+
+
 def file_hash(path: pathlib.Path) -> str | None:
-    """Short SHA-256 digest of a file's bytes, None for a missing file."""
+    """The content hash of a file (git's blob id of its bytes), None for a missing file."""
     try:
         data = path.read_bytes()
     except FileNotFoundError:
         return None
-    return hashlib.sha256(data).hexdigest()[:_DIGITS]
+    return blob_id(data)

@@ -1,17 +1,30 @@
-"""What a repository holds right now: its live file paths and its branch.
+"""What a repository holds: a snapshot of one branch's files.
 
-In a git work tree the live paths are the tracked files (``git ls-files``)
-that still exist on disk; elsewhere, or without git, a directory walk finds
-them, skipping hidden directories and the usual generated or vendored ones.
-Paths are repository-relative and use "/" on every platform.
+A snapshot of the checked-out branch sees the work tree with its uncommitted
+changes: the live paths are the tracked files that exist.  A snapshot of
+another branch sees that branch's committed tree, read from git.  Outside
+git a directory walk finds the files, skipping hidden directories and the
+usual generated or vendored ones.  Paths are repository-relative and use
+"/" on every platform.
+
+Content hashes are git blob ids (see ``repo_facts``): an unchanged tracked
+file's id comes from git's index (or the branch's tree) without reading the
+file; only files that differ from the index are read, through
+``git hash-object`` so that the repository's filters apply as they would on
+``git add``.
 """
 
 from __future__ import annotations
 
+import dataclasses
 import os
-import shutil
-import subprocess
+import posixpath
+import stat
+from collections.abc import Callable, Iterable
 from pathlib import Path
+
+from malde_ostrel.workers.wiki import git_io
+from malde_ostrel.workers.wiki.repo_facts import _norm, blob_id
 
 # Branch of a plain directory, or of a work tree whose HEAD is detached.
 DEFAULT_BRANCH = "main"
@@ -21,70 +34,352 @@ IGNORED_DIRS: frozenset[str] = frozenset(
     {"node_modules", "__pycache__", "build", "dist", "venv", ".venv"}
 )
 
-_GIT_TIMEOUT_S = 60
+STATE_DIR_NAME = "ostrel-wiki"
+
+_GITLINK = "160000"
+_SYMLINK = "120000"
+_SYMLINK_HOPS = 8
+# Files per `git hash-object` run, and between two progress reports.
+_CHUNK = 1000
+
+Progress = Callable[[int, int], None]
 
 
-def _git(repo: Path, *args: str) -> str | None:
-    """Stdout of one git command run in ``repo``; None when git fails or is missing."""
-    git = shutil.which("git")
-    if git is None:
-        return None
-    try:
-        done = subprocess.run(
-            [git, *args],
-            cwd=repo,
-            capture_output=True,
-            timeout=_GIT_TIMEOUT_S,
-            check=False,
+class RepoError(Exception):
+    """A one-line, user-facing reason the repository or branch cannot be used
+    (names the thing and what to do)."""
+
+
+def find_root(start: Path) -> Path:
+    """The work tree's top when ``start`` lies inside a git work tree, else
+    ``start`` itself (resolved)."""
+    top = git_io.text(start, "rev-parse", "--show-toplevel")
+    return Path(top) if top else start.resolve()
+
+
+def state_dir(root: Path) -> Path:
+    """Default home of the tool's store and wikis, outside the work tree:
+    ``<git common dir>/ostrel-wiki``, shared by all worktrees of the
+    repository; ``<root>/.ostrel-wiki`` outside git."""
+    common = git_io.text(root, "rev-parse", "--path-format=absolute", "--git-common-dir")
+    return Path(common) / STATE_DIR_NAME if common else root / f".{STATE_DIR_NAME}"
+
+
+def _outside(rel: str) -> bool:
+    return rel == "." or rel == ".." or rel.startswith("../")
+
+
+@dataclasses.dataclass
+class Snapshot:
+    """One branch's files at one moment."""
+
+    root: Path
+    branch: str
+    # The commit the tree is at; None outside git or on an unborn branch.
+    commit: str | None
+    # True: the work tree with its uncommitted changes; False: the branch's
+    # committed tree, read from git.
+    checked_out: bool
+    # The live file paths, sorted.
+    paths: list[str]
+    # Blob id of each path whose content git already knows: unchanged tracked
+    # files of a work tree, every file of a committed tree.
+    known_ids: dict[str, str] = dataclasses.field(default_factory=dict, repr=False)
+    # Whether ``root`` is a git work tree.
+    in_git: bool = False
+    _blobs: git_io.BlobReader | None = dataclasses.field(
+        default=None, repr=False, compare=False
+    )
+
+    def close(self) -> None:
+        """Stop the blob reader, if one was started (a later read starts it again)."""
+        if self._blobs is not None:
+            self._blobs.close()
+
+    def read_bytes(self, path: str) -> bytes | None:
+        """The file's bytes; None when it is missing, not a file, or outside the repository."""
+        rel = _norm(path)
+        if _outside(rel):
+            return None
+        if not self.checked_out:
+            oid = self.known_ids.get(rel)
+            if oid is None:
+                return None
+            if self._blobs is None:
+                self._blobs = git_io.BlobReader(self.root)
+            return self._blobs.read(oid)
+        try:
+            return (self.root / rel).read_bytes()
+        except OSError:
+            return None
+
+    def read_text(self, path: str) -> str | None:
+        """The file's text; None when it is missing or not UTF-8."""
+        data = self.read_bytes(path)
+        if data is None:
+            return None
+        try:
+            return data.decode("utf-8")
+        except UnicodeDecodeError:
+            return None
+
+    def hashes(
+        self, paths: Iterable[str], progress: Progress | None = None
+    ) -> dict[str, str | None]:
+        """The content hash of each path: git's blob id of the file, None for
+        a missing file, a directory, or a path leading outside the repository.
+
+        The one source of every hash the tool stores or compares.  Ids git
+        knows are taken as they are; only the other files of a work tree are
+        read.  ``progress(done, total)`` is called now and then.
+        """
+        wanted = list(paths)
+        result: dict[str, str | None] = {}
+        unread: list[tuple[str, str]] = []
+        for path in wanted:
+            rel = _norm(path)
+            oid = None if _outside(rel) else self.known_ids.get(rel)
+            result[path] = oid
+            if oid is None and self.checked_out and not _outside(rel):
+                unread.append((path, rel))
+        total = len(wanted)
+        done = total - len(unread)
+        if progress is not None:
+            progress(done, total)
+        for start in range(0, len(unread), _CHUNK):
+            chunk = unread[start : start + _CHUNK]
+            result.update(self._hash_files(chunk))
+            done += len(chunk)
+            if progress is not None:
+                progress(done, total)
+        return result
+
+    def _hash_files(self, chunk: list[tuple[str, str]]) -> dict[str, str | None]:
+        """Hashes of work-tree files read from disk."""
+        result: dict[str, str | None] = {}
+        files: list[tuple[str, str]] = []
+        for path, rel in chunk:
+            try:
+                is_file = stat.S_ISREG(os.stat(self.root / rel).st_mode)
+            except (OSError, ValueError):
+                is_file = False
+            if is_file:
+                files.append((path, rel))
+            else:
+                result[path] = None
+        by_git = self._hash_objects([rel for _path, rel in files]) if self.in_git else None
+        algorithm = "sha256" if any(len(v) == 64 for v in self.known_ids.values()) else "sha1"
+        for index, (path, rel) in enumerate(files):
+            if by_git is not None:
+                result[path] = by_git[index]
+                continue
+            data = self.read_bytes(rel)
+            result[path] = None if data is None else blob_id(data, algorithm)
+        return result
+
+    def _hash_objects(self, rels: list[str]) -> list[str] | None:
+        """Blob ids from ``git hash-object`` (the repository's filters apply);
+        None when git cannot hash them all."""
+        if not rels or any("\n" in rel or "\r" in rel for rel in rels):
+            return None
+        listing = "".join(rel + "\n" for rel in rels).encode("utf-8", "surrogateescape")
+        status, out = git_io.run(self.root, "hash-object", "--stdin-paths", stdin=listing)
+        ids = out.decode("ascii", "replace").split()
+        return ids if status == 0 and len(ids) == len(rels) else None
+
+    def renames_since(self, commit: str) -> dict[str, str]:
+        """Old path -> new path, by git's rename detection between ``commit``
+        and this tree (work-tree changes included when checked out, untracked
+        files not); {} when the commit is unknown or outside git."""
+        if not self.in_git or not commit or commit.startswith("-"):
+            return {}
+        args = ["diff", "-M", "--name-status", "-z", "--no-ext-diff", commit]
+        if not self.checked_out:
+            if self.commit is None:
+                return {}
+            args.append(self.commit)
+        status, out = git_io.run(self.root, *args, "--")
+        if status != 0:
+            return {}
+        renames: dict[str, str] = {}
+        fields = git_io.records(out)
+        i = 0
+        while i < len(fields):
+            kind = fields[i]
+            if kind[:1] in ("R", "C") and i + 2 < len(fields):
+                if kind[0] == "R":
+                    renames[fields[i + 1]] = fields[i + 2]
+                i += 3
+            else:
+                i += 2
+        return renames
+
+
+def snapshot(root: Path, branch: str | None = None) -> Snapshot:
+    """A snapshot of ``branch``: None for the checked-out branch (the work
+    tree), another branch's committed tree otherwise.  Outside git the
+    directory is walked, and ``branch`` must be None or ``DEFAULT_BRANCH``.
+
+    Raises RepoError on a detached HEAD without a branch, for an unknown
+    branch, or when git cannot read the repository.
+    """
+    top = git_io.text(root, "rev-parse", "--show-toplevel")
+    if top is None:
+        if branch not in (None, DEFAULT_BRANCH):
+            raise RepoError(
+                f"{root} is not a git work tree, so it has no branch {branch!r}; "
+                "leave out --branch"
+            )
+        return Snapshot(root.resolve(), DEFAULT_BRANCH, None, True, _walked_paths(root.resolve()))
+    top_dir = Path(top)
+    if branch is not None and branch != git_io.text(top_dir, "symbolic-ref", "-q", "--short", "HEAD"):
+        return _committed(top_dir, branch)
+    return _work_tree(top_dir, branch)
+
+
+def _work_tree(root: Path, branch: str | None) -> Snapshot:
+    status, out = git_io.run(
+        root, "status", "--porcelain=v2", "-z", "--branch", "--untracked-files=no",
+        "--no-renames", "--ignore-submodules=all",
+    )  # fmt: skip
+    if status != 0:
+        raise RepoError(f"git cannot read the work tree {root}; check it with `git status`")
+    commit: str | None = None
+    head = DEFAULT_BRANCH
+    changed: set[str] = set()
+    deleted: set[str] = set()
+    fields = git_io.records(out)
+    i = 0
+    while i < len(fields):
+        record = fields[i]
+        i += 1
+        kind = record[:2]
+        if record.startswith("# branch.oid "):
+            value = record[len("# branch.oid ") :]
+            commit = None if value == "(initial)" else value
+        elif record.startswith("# branch.head "):
+            head = record[len("# branch.head ") :]
+        elif kind in ("1 ", "2 "):
+            parts = record.split(" ", 8 if kind == "1 " else 9)
+            if kind == "2 ":
+                i += 1  # the original path of a rename
+            worktree = parts[1][1:2]
+            if worktree == "D":
+                deleted.add(parts[-1])
+            elif worktree != ".":
+                changed.add(parts[-1])
+        elif kind == "u ":
+            changed.add(record.split(" ", 10)[-1])
+    if branch is None and head == "(detached)":
+        raise RepoError("HEAD is detached; name the branch with --branch")
+    status, out = git_io.run(root, "ls-files", "-s", "-z")
+    if status != 0:
+        raise RepoError(f"git cannot list the files of {root}; check it with `git status`")
+    paths: list[str] = []
+    known: dict[str, str] = {}
+    last = ""
+    for record in git_io.records(out):
+        meta, _, path = record.partition("\t")
+        if path == last or path in deleted:
+            continue  # a further stage of a conflicted file, or a file gone
+        last = path
+        mode, _, rest = meta.partition(" ")
+        if mode == _GITLINK:
+            continue
+        if mode == _SYMLINK or path in changed:
+            if os.path.isfile(root / path):
+                paths.append(path)
+            continue
+        paths.append(path)
+        known[path] = rest.partition(" ")[0]
+    paths.sort()
+    return Snapshot(root, branch or head, commit, True, paths, known, in_git=True)
+
+
+def _committed(root: Path, branch: str) -> Snapshot:
+    commit = git_io.text(root, "rev-parse", "--verify", "-q", f"refs/heads/{branch}^{{commit}}")
+    if not commit:
+        raise RepoError(
+            f"no branch {branch!r} in {root}; name an existing local branch (git branch --list)"
         )
-    except (OSError, subprocess.SubprocessError):
-        return None
-    if done.returncode != 0:
-        return None
-    return done.stdout.decode("utf-8", "surrogateescape")
+    status, out = git_io.run(root, "ls-tree", "-r", "-z", "--full-tree", commit)
+    if status != 0:
+        raise RepoError(f"git cannot read branch {branch!r} of {root}; check it with `git log`")
+    blobs: dict[str, str] = {}
+    links: dict[str, str] = {}
+    for record in git_io.records(out):
+        meta, _, path = record.partition("\t")
+        mode, kind, oid = meta.split(" ", 2)
+        if kind == "blob":
+            (links if mode == _SYMLINK else blobs)[path] = oid
+    snap = Snapshot(root, branch, commit, False, [], blobs, in_git=True)
+    for path, oid in links.items():
+        target = _link_target(snap, path, oid, blobs, links)
+        if target is not None:
+            blobs[path] = target
+    snap.paths = sorted(blobs)
+    return snap
 
 
-def is_git_work_tree(repo: Path) -> bool:
-    """True when ``repo`` lies inside a git work tree and git can be run."""
-    return (_git(repo, "rev-parse", "--is-inside-work-tree") or "").strip() == "true"
-
-
-def _tracked_paths(repo: Path) -> list[str] | None:
-    listing = _git(repo, "ls-files", "-z")
-    if listing is None:
-        return None
-    # Tracked files deleted from the work tree (and submodule entries, which
-    # are directories) are not live.
-    return [path for path in listing.split("\0") if path and (repo / path).is_file()]
+def _link_target(
+    snap: Snapshot, path: str, oid: str, blobs: dict[str, str], links: dict[str, str]
+) -> str | None:
+    """The blob id a committed symbolic link leads to within the tree, if any."""
+    for _hop in range(_SYMLINK_HOPS):
+        if snap._blobs is None:
+            snap._blobs = git_io.BlobReader(snap.root)
+        data = snap._blobs.read(oid)
+        if data is None:
+            return None
+        target = data.decode("utf-8", "surrogateescape")
+        if target.startswith("/"):
+            return None
+        path = _norm(posixpath.join(posixpath.dirname(path), target))
+        if path in blobs:
+            return blobs[path]
+        if path not in links:
+            return None
+        oid = links[path]
+    return None
 
 
 def _walked_paths(repo: Path) -> list[str]:
     found: list[str] = []
-    for top, dirs, files in os.walk(repo):
+    base = str(repo)
+    for top, dirs, files in os.walk(base):
         dirs[:] = [d for d in dirs if not d.startswith(".") and d not in IGNORED_DIRS]
-        rel = Path(top).relative_to(repo)
+        rel = top[len(base) + 1 :].replace(os.sep, "/")
+        prefix = rel + "/" if rel else ""
         for name in files:
-            path = rel / name
-            if (repo / path).is_file():
-                found.append(path.as_posix())
+            if os.path.isfile(os.path.join(top, name)):
+                found.append(prefix + name)
+    found.sort()
     return found
 
 
+# ---------------------------------------------------------------- older entry points
+
+
+def is_git_work_tree(repo: Path) -> bool:
+    """True when ``repo`` lies inside a git work tree and git can be run."""
+    return git_io.text(repo, "rev-parse", "--is-inside-work-tree") == "true"
+
+
 def live_paths(repo: Path) -> list[str]:
-    """The repository's live file paths, sorted, relative to ``repo``."""
-    tracked = _tracked_paths(repo) if is_git_work_tree(repo) else None
-    paths = tracked if tracked is not None else _walked_paths(repo)
-    return sorted(set(paths))
+    """The live file paths under ``repo``, sorted, relative to ``repo``."""
+    if not is_git_work_tree(repo):
+        return _walked_paths(repo)
+    status, out = git_io.run(repo, "ls-files", "-z")
+    if status != 0:
+        return _walked_paths(repo)
+    # Tracked files deleted from the work tree (and submodule entries, which
+    # are directories) are not live.
+    return sorted({p for p in git_io.records(out) if p and (repo / p).is_file()})
 
 
 def current_branch(repo: Path) -> str:
     """The checked-out branch; ``DEFAULT_BRANCH`` for a plain directory or a detached head."""
     if not is_git_work_tree(repo):
         return DEFAULT_BRANCH
-    name = (_git(repo, "rev-parse", "--abbrev-ref", "HEAD") or "").strip()
-    if not name:
-        # A repository without commits yet: HEAD names an unborn branch.
-        name = (_git(repo, "symbolic-ref", "--short", "-q", "HEAD") or "").strip()
-    if not name or name == "HEAD":
-        return DEFAULT_BRANCH
-    return name
+    name = git_io.text(repo, "symbolic-ref", "--short", "-q", "HEAD")
+    return name or DEFAULT_BRANCH

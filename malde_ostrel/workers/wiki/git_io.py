@@ -1,0 +1,125 @@
+"""Running git: one-shot commands and one long-lived blob reader.
+
+Every command runs with optional locks off, so that reading a repository
+never takes the index lock away from the user's own git commands.
+"""
+
+from __future__ import annotations
+
+import os
+import shutil
+import subprocess
+import weakref
+from pathlib import Path
+
+GIT_TIMEOUT_S = 120
+
+_ENV = {**os.environ, "GIT_OPTIONAL_LOCKS": "0", "GIT_TERMINAL_PROMPT": "0"}
+
+
+def git_binary() -> str | None:
+    return shutil.which("git")
+
+
+def run(repo: Path, *args: str, stdin: bytes | None = None) -> tuple[int, bytes]:
+    """Exit status and stdout of one git command run in ``repo``; status -1
+    when git is missing or cannot be run."""
+    git = git_binary()
+    if git is None:
+        return -1, b""
+    try:
+        done = subprocess.run(
+            [git, *args],
+            cwd=repo,
+            input=stdin,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.DEVNULL,
+            timeout=GIT_TIMEOUT_S,
+            check=False,
+            env=_ENV,
+        )
+    except (OSError, subprocess.SubprocessError):
+        return -1, b""
+    return done.returncode, done.stdout
+
+
+def text(repo: Path, *args: str) -> str | None:
+    """Stdout of a git command as text (stray bytes kept as surrogates),
+    trailing line end removed; None when it fails."""
+    status, out = run(repo, *args)
+    if status != 0:
+        return None
+    return out.decode("utf-8", "surrogateescape").rstrip("\n")
+
+
+def records(out: bytes) -> list[str]:
+    """The NUL-terminated records of a ``-z`` listing, as text."""
+    return out.decode("utf-8", "surrogateescape").split("\0")[:-1] if out else []
+
+
+def _stop(proc: subprocess.Popen[bytes]) -> None:
+    for stream in (proc.stdin, proc.stdout):
+        try:
+            if stream is not None:
+                stream.close()
+        except OSError:
+            pass
+    try:
+        proc.wait(timeout=5)
+    except subprocess.TimeoutExpired:
+        proc.kill()
+        proc.wait()
+
+
+class BlobReader:
+    """Object contents through one ``git cat-file --batch`` process, started
+    on first use and stopped by ``close`` (or when the reader is collected)."""
+
+    def __init__(self, repo: Path) -> None:
+        self._repo = repo
+        self._proc: subprocess.Popen[bytes] | None = None
+        self._finalizer: weakref.finalize[[subprocess.Popen[bytes]], BlobReader] | None = None
+
+    def _start(self) -> subprocess.Popen[bytes] | None:
+        git = git_binary()
+        if git is None:
+            return None
+        try:
+            proc = subprocess.Popen(
+                [git, "cat-file", "--batch"],
+                cwd=self._repo,
+                stdin=subprocess.PIPE,
+                stdout=subprocess.PIPE,
+                stderr=subprocess.DEVNULL,
+                env=_ENV,
+            )
+        except OSError:
+            return None
+        self._proc = proc
+        self._finalizer = weakref.finalize(self, _stop, proc)
+        return proc
+
+    def read(self, oid: str) -> bytes | None:
+        """The bytes of object ``oid``; None when it is missing or git fails."""
+        proc = self._proc or self._start()
+        if proc is None or proc.stdin is None or proc.stdout is None:
+            return None
+        try:
+            proc.stdin.write(oid.encode("ascii", "replace") + b"\n")
+            proc.stdin.flush()
+            header = proc.stdout.readline().split()
+            if len(header) != 3:
+                return None  # "<oid> missing"
+            size = int(header[2])
+            data = proc.stdout.read(size)
+            proc.stdout.read(1)  # the line feed after the contents
+        except (OSError, ValueError):
+            self.close()
+            return None
+        return data if len(data) == size else None
+
+    def close(self) -> None:
+        if self._finalizer is not None:
+            self._finalizer()
+        self._proc = None
+        self._finalizer = None
