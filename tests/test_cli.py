@@ -135,12 +135,12 @@ def test_ids_stay_stable_while_directories_come_and_go(repo: Path) -> None:
     assert first["first_plan"] and first["branch"] == "trunk"
     assert {p["state"] for p in first["pages"]} == {"new"}
     assert all(p["to_write"] for p in first["pages"])
-    assert {"module-big", "module-big-part-1", "module-big-part-2"} <= set(ids(first))
+    assert {"module-big", "module-big-part-f00", "module-big-part-f04"} <= set(ids(first))
     assert (repo / "memory/lorebook/trunk/plan-log.jsonl").is_file()
     assert (repo / ".ostrel-wiki/store.sqlite3").is_file()
 
     # Files come and go inside kept directories; one directory vanishes and a
-    # new one with two files appears; the big one grows a third part.
+    # new one with two files appears; the big one grows a new part.
     (repo / "core/b.py").unlink()
     for rel in ("util/x.go", "util/y.go"):
         (repo / rel).unlink()
@@ -151,7 +151,7 @@ def test_ids_stay_stable_while_directories_come_and_go(repo: Path) -> None:
     assert not second["first_plan"] and second["drift"] is None
     kept = set(ids(first)) - {"module-util"}
     assert kept <= set(ids(second))
-    assert set(ids(second)) - kept == {"module-cli", "module-big-part-3"}
+    assert set(ids(second)) - kept == {"module-cli", "module-big-part-f20"}
     assert {("retire", "module-util"), ("add", "module-cli")} <= actions(second)
     assert second["retired"] == ["module-util"]
     pages = {p["page_id"]: p for p in second["pages"]}
@@ -164,7 +164,7 @@ def test_ids_stay_stable_while_directories_come_and_go(repo: Path) -> None:
     assert sorted(ids(third)) == sorted(ids(second)) and third["amendments"] == []
     # A page stays "changed" until it is written with its new files.
     states = {p["page_id"]: p["state"] for p in third["pages"]}
-    assert states["module-cli"] == states["module-net"] == states["module-big-part-3"] == "kept"
+    assert states["module-cli"] == states["module-net"] == states["module-big-part-f20"] == "kept"
     assert states["module-core"] == states["module-big"] == "changed"
 
 
@@ -229,7 +229,7 @@ def test_saved_page_shows_its_stale_section_after_an_edit(repo: Path) -> None:
     page = repo / "memory/lorebook/trunk/pages/module-core.md"
     assert page.read_text(encoding="utf-8") == BODY
     # A family part is saved too; saving it must not unsettle its family.
-    run(repo, "save", "module-big-part-1", str(body))
+    run(repo, "save", "module-big-part-f00", str(body))
 
     status = json.loads(run(repo, "status", "--json").stdout)
     pages = {p["page_id"]: p for p in status["pages"]}
@@ -250,7 +250,7 @@ def test_saved_page_shows_its_stale_section_after_an_edit(repo: Path) -> None:
     assert again["amendments"] == [] and "module-big" in ids(again)
     states = {p["page_id"]: (p["state"], p["to_write"]) for p in again["pages"]}
     assert states["module-core"] == ("kept", True)
-    assert states["module-big-part-1"] == ("kept", False)
+    assert states["module-big-part-f00"] == ("kept", False)
 
 
 def test_steering_pages_and_text(repo: Path) -> None:

@@ -129,11 +129,12 @@ def test_state_dir_is_shared_by_worktrees(repo: Path, tmp_path: Path) -> None:
 
 
 def test_derive_leaves_out_own_output_and_excluded_globs(repo: Path) -> None:
-    write(repo, {"memory/w/p.py": "", "gen/x.py": "", "gen/keep.md": "",
-                 planner.STEERING_FILE: 'exclude = ["gen/*.py", "old.py"]\n'})  # fmt: skip
+    write(repo, {"memory/w/p.py": "", "gen/x.py": "", "gen/keep.md": "", "src/v.py": "",
+                 planner.STEERING_FILE: 'exclude = ["gen/*.py", "old.py"]\n',
+                 "src/.gitattributes": "v.py linguist-vendored\n"})  # fmt: skip
     git(repo, "add", ".")
     derived = planner.derive(snapshot(repo), exclude=["memory/w/"])
     assert derived.paths == [planner.STEERING_FILE, "a.py", "gen/keep.md", "link.py",
-                             "src/b.py", "src/c.py"]  # fmt: skip
+                             "src/.gitattributes", "src/b.py", "src/c.py"]  # fmt: skip
     assert derived.live == {"a.py", "link.py", "src/b.py", "src/c.py"}
     assert derived.fresh == planner.plan_pages(derived.paths, planner.read_steering(repo))
