@@ -97,6 +97,9 @@ def marked_paths(
 ) -> Callable[[str], bool] | None:
     """A test for the paths the attributes files among ``paths`` mark
     vendored or generated; None when no attributes file says anything."""
+    paths = list(paths)
+    if ATTRIBUTES_FILE not in "\0".join(paths):
+        return None
     files = [p for p in paths if p == ATTRIBUTES_FILE or p.endswith("/" + ATTRIBUTES_FILE)]
     files.sort(key=lambda p: (p.count("/"), p))  # shallow first: deeper ones decide
     rules: list[Rule] = []

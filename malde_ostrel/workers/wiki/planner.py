@@ -125,12 +125,16 @@ def _by_directory(paths: Iterable[str]) -> dict[str, list[str]]:
     known: dict[str, bool] = {}
     by_dir: dict[str, list[str]] = {}
     for path in paths:
-        directory, _, name = path.rpartition("/")
-        suffix = _suffix(name)
+        slash = path.rfind("/")
+        dot = path.rfind(".")
+        if dot <= slash + 1:
+            continue  # no extension, or a dot file
+        suffix = path[dot:]
         source = known.get(suffix)
         if source is None:
-            source = known[suffix] = suffix in SOURCE_EXTENSIONS
+            source = known[suffix] = suffix.lower() in SOURCE_EXTENSIONS
         if source:
+            directory = path[:slash] if slash > 0 else ""
             files = by_dir.get(directory)
             if files is None:
                 by_dir[directory] = [path]
@@ -170,20 +174,26 @@ def _importance(score: float) -> str:
 def _titles(directories: list[str]) -> dict[str, str]:
     """A title per directory: its own name, with as many parent directories
     as it takes to tell apart directories of the same name."""
-    depth = dict.fromkeys(directories, 1)
-    while True:
-        titles = {d: "/".join(d.split("/")[-depth[d] :]) or "top level" for d in directories}
-        seen: dict[str, list[str]] = {}
-        for directory, title in titles.items():
-            seen.setdefault(title, []).append(directory)
-        clashes = [
-            d for group in seen.values() if len(group) > 1
-            for d in group if depth[d] <= d.count("/")
-        ]  # fmt: skip
-        if not clashes:
-            return titles
-        for directory in clashes:
-            depth[directory] += 1
+    titles = {d: d.rpartition("/")[2] or "top level" for d in directories}
+    groups: dict[str, list[str]] = {}
+    for directory, title in titles.items():
+        groups.setdefault(title, []).append(directory)
+    for group in groups.values():
+        depth = 1
+        while len(group) > 1 and depth <= max(d.count("/") for d in group):
+            depth += 1
+            named = {d: "/".join(d.split("/")[-depth:]) for d in group}
+            if len(set(named.values())) == len(group):
+                titles.update(named)
+                break
+            counts: dict[str, int] = {}
+            for title in named.values():
+                counts[title] = counts.get(title, 0) + 1
+            for directory, title in named.items():
+                if counts[title] == 1:
+                    titles[directory] = title
+            group = [d for d in group if counts[named[d]] > 1]
+    return titles
 
 
 def _part_suffixes(chunks: list[list[str]]) -> list[str]:
@@ -227,7 +237,7 @@ def _code_pages(by_dir: dict[str, list[str]]) -> list[PagePlan]:
                     level="module",
                     importance=_importance(score),
                     description=f"Code in {where}",
-                    topic=unit_topic(name, files),
+                    topic=f"{name.lower()} {directory or '.'}",
                     source_files=files,
                     importance_score=score,
                 )
@@ -243,7 +253,7 @@ def _code_pages(by_dir: dict[str, list[str]]) -> list[PagePlan]:
                 level="module",
                 importance=_importance(len(chunk) / largest),
                 description=f"Code in {where}: {_span(chunk)}",
-                topic=unit_topic(name, chunk),
+                topic=f"{name.lower()} {directory or '.'}",
                 source_files=chunk,
                 importance_score=len(chunk) / largest,
             )
@@ -256,7 +266,7 @@ def _code_pages(by_dir: dict[str, list[str]]) -> list[PagePlan]:
                 level="module",
                 importance=_importance(score),
                 description=f"Code in {where}, in {len(chunks)} parts",
-                topic=unit_topic(name, files),
+                topic=f"{name.lower()} {directory or '.'}",
                 children=[part.page_id for part in parts],
                 importance_score=score,
             )
@@ -422,8 +432,10 @@ def derive(snapshot: Snapshot, *, exclude: Iterable[str] = ()) -> Derived:
     prefixes = tuple(p.strip("/") + "/" for p in exclude if p.strip("/"))
     exact = {p.strip("/") for p in exclude}
     globs = [glob_regex(p) for p in steering.exclude if p.strip()]
-    marked = attributes.marked_paths(snapshot.paths, snapshot.read_text)
-    paths = sorted(set(snapshot.paths))
+    paths = snapshot.paths
+    if any(a >= b for a, b in zip(paths, paths[1:])):
+        paths = sorted(set(paths))
+    marked = attributes.marked_paths(paths, snapshot.read_text)
     if prefixes or exact or globs or marked is not None:
         paths = [
             path

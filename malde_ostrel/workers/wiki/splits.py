@@ -31,9 +31,16 @@ def _even(files: list[str], limit: int) -> list[list[str]]:
     return [files[i : i + size] for i in range(0, len(files), size)]
 
 
-def split(files: list[str], limit: int, threshold: int = _SPAN // CUT_SPACING) -> list[list[str]]:
+def split(files: list[str], limit: int) -> list[list[str]]:
     """``files`` (sorted) in runs of at most ``limit`` files, cut where the
     names say (see the module text)."""
+    if len(files) <= limit:
+        return [files]
+    ranks = {path: name_rank(path) for path in files}
+    return _cut(files, limit, ranks, _SPAN // CUT_SPACING)
+
+
+def _cut(files: list[str], limit: int, ranks: dict[str, int], threshold: int) -> list[list[str]]:
     if len(files) <= limit:
         return [files]
     if threshold >= _SPAN:
@@ -42,7 +49,7 @@ def split(files: list[str], limit: int, threshold: int = _SPAN // CUT_SPACING) -
     current: list[str] = []
     previous_low = False
     for path in files:
-        low = name_rank(path) < threshold
+        low = ranks[path] < threshold
         if current and low and not previous_low:
             pieces.append(current)
             current = []
@@ -51,5 +58,5 @@ def split(files: list[str], limit: int, threshold: int = _SPAN // CUT_SPACING) -
     pieces.append(current)
     parts: list[list[str]] = []
     for piece in pieces:
-        parts.extend(split(piece, limit, threshold * 2))
+        parts.extend(_cut(piece, limit, ranks, threshold * 2))
     return parts
