@@ -10,7 +10,7 @@ the median of a few runs, the wall time and peak memory of:
   the content hashes of every live path, in a fresh interpreter;
 * a first ``ostrel-wiki plan`` (empty store), a warm ``plan`` and ``status``.
 
-    python benchmarks/bench_tool.py [--copies 2,8,33] [--repeat 3] [--keep]
+    python benchmarks/bench_tool.py [--copies 2,8,33] [--repeat 3] [--steps inputs,...] [--keep]
 
 Peak memory is the child's maximum resident set, from ``os.wait4``.
 """
@@ -73,13 +73,15 @@ def build_repo(where: Path, copies: int) -> int:
 
 def timed(argv: list[str], cwd: Path) -> tuple[float, float]:
     """Wall time (s) and peak resident memory (MB) of one command; raises on failure."""
-    start = time.perf_counter()
-    proc = subprocess.Popen(argv, cwd=cwd, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE)
-    _pid, status, usage = os.wait4(proc.pid, 0)
-    wall = time.perf_counter() - start
-    err = proc.stderr.read().decode(errors="replace") if proc.stderr else ""
-    if os.waitstatus_to_exitcode(status) != 0:
-        raise SystemExit(f"failed: {' '.join(argv)}\n{err}")
+    with tempfile.TemporaryFile() as errors:
+        start = time.perf_counter()
+        proc = subprocess.Popen(argv, cwd=cwd, stdout=subprocess.DEVNULL, stderr=errors)
+        _pid, status, usage = os.wait4(proc.pid, 0)
+        wall = time.perf_counter() - start
+        proc.returncode = os.waitstatus_to_exitcode(status)
+        if proc.returncode != 0:
+            errors.seek(0)
+            raise SystemExit(f"failed: {' '.join(argv)}\n{errors.read().decode(errors='replace')}")
     return wall, usage.ru_maxrss / 1024
 
 
@@ -87,7 +89,12 @@ def median_of(runs: list[tuple[float, float]]) -> tuple[float, float]:
     return statistics.median(w for w, _ in runs), max(m for _, m in runs)
 
 
-def measure(repo: Path, state: Path, repeat: int, python: str) -> dict[str, tuple[float, float]]:
+STEPS = ("git status", "inputs", "first plan", "warm plan", "status")
+
+
+def measure(
+    repo: Path, state: Path, repeat: int, python: str, steps: set[str]
+) -> dict[str, tuple[float, float]]:
     tool = [python, "-m", "malde_ostrel.workers.wiki", "--repo", str(repo),
             "--store", str(state / "store.sqlite3"), "--wiki-dir", str(state / "wiki")]  # fmt: skip
     results: dict[str, tuple[float, float]] = {}
@@ -95,17 +102,22 @@ def measure(repo: Path, state: Path, repeat: int, python: str) -> dict[str, tupl
     results["git status"] = median_of(
         [timed(["git", "status", "--porcelain"], repo) for _ in range(repeat)]
     )
-    results["inputs"] = median_of(
-        [timed([python, "-c", INPUTS, str(repo)], repo) for _ in range(repeat)]
-    )
-    first: list[tuple[float, float]] = []
-    for _ in range(repeat):
-        shutil.rmtree(state, ignore_errors=True)
-        state.mkdir(parents=True)
-        first.append(timed([*tool, "plan"], repo))
-    results["first plan"] = median_of(first)
-    results["warm plan"] = median_of([timed([*tool, "plan"], repo) for _ in range(repeat)])
-    results["status"] = median_of([timed([*tool, "status"], repo) for _ in range(repeat)])
+    if "inputs" in steps:
+        results["inputs"] = median_of(
+            [timed([python, "-c", INPUTS, str(repo)], repo) for _ in range(repeat)]
+        )
+    if steps & {"first plan", "warm plan", "status"}:
+        first: list[tuple[float, float]] = []
+        for _ in range(repeat):
+            shutil.rmtree(state, ignore_errors=True)
+            state.mkdir(parents=True)
+            first.append(timed([*tool, "plan"], repo))
+        if "first plan" in steps:
+            results["first plan"] = median_of(first)
+    if "warm plan" in steps:
+        results["warm plan"] = median_of([timed([*tool, "plan"], repo) for _ in range(repeat)])
+    if "status" in steps:
+        results["status"] = median_of([timed([*tool, "status"], repo) for _ in range(repeat)])
     return results
 
 
@@ -114,6 +126,8 @@ def main() -> None:
     parser.add_argument("--copies", default="2,8,33", help="copies of the library, per size")
     parser.add_argument("--repeat", type=int, default=3, help="runs per figure (median)")
     parser.add_argument("--python", default=sys.executable, help="interpreter with the tool")
+    parser.add_argument("--steps", default=",".join(STEPS[1:]),
+                        help="what to time besides git status (comma-separated)")
     parser.add_argument("--keep", action="store_true", help="keep the generated repositories")
     args = parser.parse_args()
     work = Path(tempfile.mkdtemp(prefix="bench-tool-"))
@@ -123,7 +137,8 @@ def main() -> None:
         for copies in (int(c) for c in args.copies.split(",")):
             repo = work / f"repo-{copies}"
             files = build_repo(repo, copies)
-            results = measure(repo, work / f"state-{copies}", args.repeat, args.python)
+            steps = set(args.steps.split(","))
+            results = measure(repo, work / f"state-{copies}", args.repeat, args.python, steps)
             base = results["git status"][0]
             for step, (wall, peak) in results.items():
                 print(f"{files:>7}  {step:<11} {wall * 1e3:>9.1f} {wall * 1e6 / files:>8.2f} "

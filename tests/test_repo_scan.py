@@ -119,6 +119,11 @@ def test_refusals_are_one_line(repo: Path, tmp_path: Path) -> None:
     assert walked.hashes(["x.py"]) == {"x.py": file_hash(plain / "x.py")}
     assert walked.renames_since("HEAD") == {}
     assert find_root(plain) == plain.resolve() and state_dir(plain) == plain / ".ostrel-wiki"
+    with pytest.raises(RepoError, match="is not a directory"):
+        snapshot(plain / "x.py")
+    (plain / ".git").mkdir()
+    with pytest.raises(RepoError, match="git cannot read"):
+        snapshot(plain)
 
 
 def test_state_dir_is_shared_by_worktrees(repo: Path, tmp_path: Path) -> None:

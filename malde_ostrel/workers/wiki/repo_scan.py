@@ -176,7 +176,8 @@ class Snapshot:
             else:
                 result[path] = None
         by_git = self._hash_objects([rel for _path, rel in files]) if self.in_git else None
-        algorithm = "sha256" if any(len(v) == 64 for v in self.known_ids.values()) else "sha1"
+        some_id = self.commit or next(iter(self.known_ids.values()), "")
+        algorithm = "sha256" if len(some_id) == 64 else "sha1"
         for index, (path, rel) in enumerate(files):
             if by_git is not None:
                 result[path] = by_git[index]
@@ -231,8 +232,14 @@ def snapshot(root: Path, branch: str | None = None) -> Snapshot:
     Raises RepoError on a detached HEAD without a branch, for an unknown
     branch, or when git cannot read the repository.
     """
-    top = git_io.text(root, "rev-parse", "--show-toplevel")
+    if not root.is_dir():
+        raise RepoError(f"repository {root} is not a directory; name one with --repo")
+    # A directory holding ".git" is a work tree's top: no need to ask git.
+    top = str(root.resolve()) if (root / ".git").exists() else None
+    top = top or git_io.text(root, "rev-parse", "--show-toplevel")
     if top is None:
+        if (root / ".git").exists() and git_io.git_binary() is not None:
+            raise RepoError(f"git cannot read {root}; run `git status` there to see why")
         if branch not in (None, DEFAULT_BRANCH):
             raise RepoError(
                 f"{root} is not a git work tree, so it has no branch {branch!r}; "
