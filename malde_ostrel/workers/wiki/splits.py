@@ -1,14 +1,14 @@
 """Cutting the sorted files of a large directory into parts that stay put.
 
 A file starts a new part when the hash of its name falls below a threshold
-(about one name in ``CUT_SPACING``), unless the file just before it did too.
-A part still larger than the limit is cut again the same way with twice the
-threshold, up to one name in two; past that (all but never), into even runs.
+(about one name in ``CUT_SPACING``), unless one of the ``CUT_GAP`` files just
+before it did too, which keeps most parts from being tiny.  A part still
+larger than the limit is cut again the same way with twice the threshold, up
+to one name in two; past that (all but never), into even runs.
 
-Cut points depend on the names alone, not on positions: one file added to a
-directory changes only the part it falls in (which may split), and one file
-removed changes only its part, or, when it started its part, merges what is
-left of that part into the one before.  Every other part keeps its files.
+Cut points depend on the names alone, not on positions: one file added or
+removed changes the part it falls in and at times a part next to it (a new
+cut, or a cut gone with its file), never the parts further along.
 """
 
 from __future__ import annotations
@@ -16,6 +16,7 @@ from __future__ import annotations
 import hashlib
 
 CUT_SPACING = 8
+CUT_GAP = 2
 _SPAN = 1 << 64
 
 
@@ -47,14 +48,14 @@ def _cut(files: list[str], limit: int, ranks: dict[str, int], threshold: int) ->
         return _even(files, limit)
     pieces: list[list[str]] = []
     current: list[str] = []
-    previous_low = False
+    since_low = CUT_GAP  # files since the last one below the threshold
     for path in files:
         low = ranks[path] < threshold
-        if current and low and not previous_low:
+        if current and low and since_low >= CUT_GAP:
             pieces.append(current)
             current = []
         current.append(path)
-        previous_low = low
+        since_low = 0 if low else since_low + 1
     pieces.append(current)
     parts: list[list[str]] = []
     for piece in pieces:
