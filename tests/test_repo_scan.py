@@ -143,3 +143,15 @@ def test_derive_leaves_out_own_output_and_excluded_globs(repo: Path) -> None:
                              "src/.gitattributes", "src/b.py", "src/c.py"]  # fmt: skip
     assert derived.live == {"a.py", "link.py", "src/b.py", "src/c.py"}
     assert derived.fresh == planner.plan_pages(derived.paths, planner.read_steering(repo))
+
+
+def test_a_hash_does_not_depend_on_the_route_under_line_end_filters(repo: Path) -> None:
+    write(repo, {".gitattributes": "*.txt text\n"})
+    (repo / "crlf.txt").write_bytes(b"one\r\ntwo\r\n")
+    read_fresh = snapshot(repo).hashes(["crlf.txt"])["crlf.txt"]
+    git(repo, "add", ".")
+    from_index = snapshot(repo).hashes(["crlf.txt"])["crlf.txt"]
+    git(repo, "commit", "-qm", "crlf")
+    git(repo, "checkout", "-q", "side")
+    from_tree = snapshot(repo, "main").hashes(["crlf.txt"])["crlf.txt"]
+    assert read_fresh == from_index == from_tree == git(repo, "rev-parse", "main:crlf.txt")
