@@ -34,7 +34,7 @@ from __future__ import annotations
 import dataclasses
 import re
 import tomllib
-from collections.abc import Iterable
+from collections.abc import Callable, Iterable
 from pathlib import Path
 from typing import Any
 
@@ -120,11 +120,22 @@ def source_paths(paths: Iterable[str]) -> set[str]:
     return {path for path in paths if is_source(path)}
 
 
-def _by_directory(paths: Iterable[str]) -> dict[str, list[str]]:
-    """The source files among ``paths`` (sorted) grouped by directory, in one pass."""
+def _by_directory(
+    paths: Iterable[str],
+    prefixes: tuple[str, ...] = (),
+    exact: frozenset[str] = frozenset(),
+    drop: Callable[[str], bool] | None = None,
+) -> tuple[list[str], dict[str, list[str]]]:
+    """In one pass over ``paths`` (sorted): the paths kept (not under one of
+    the ``prefixes``, not in ``exact``, not dropped) and their source files
+    grouped by directory."""
     known: dict[str, bool] = {}
+    kept: list[str] = []
     by_dir: dict[str, list[str]] = {}
     for path in paths:
+        if path.startswith(prefixes) or path in exact or (drop is not None and drop(path)):
+            continue
+        kept.append(path)
         slash = path.rfind("/")
         dot = path.rfind(".")
         if dot <= slash + 1:
@@ -140,7 +151,7 @@ def _by_directory(paths: Iterable[str]) -> dict[str, list[str]]:
                 by_dir[directory] = [path]
             else:
                 files.append(path)
-    return by_dir
+    return kept, by_dir
 
 
 def slug(text: str) -> str:
@@ -301,8 +312,8 @@ def _steering_pages(steering: Steering, paths: list[str]) -> list[PagePlan]:
 
 def plan_pages(paths: Iterable[str], steering: Steering | None = None) -> list[PagePlan]:
     """The fresh plan: overview pages, code-unit pages in path order, steering pages."""
-    every = sorted(set(paths))
-    return _plan(every, _by_directory(every), steering)
+    every, by_dir = _by_directory(sorted(set(paths)))
+    return _plan(every, by_dir, steering)
 
 
 def _plan(
@@ -430,21 +441,16 @@ def derive(snapshot: Snapshot, *, exclude: Iterable[str] = ()) -> Derived:
     """
     steering = read_steering(snapshot)
     prefixes = tuple(p.strip("/") + "/" for p in exclude if p.strip("/"))
-    exact = {p.strip("/") for p in exclude}
+    exact = frozenset(p.strip("/") for p in exclude)
     globs = [glob_regex(p) for p in steering.exclude if p.strip()]
     paths = snapshot.paths
     if any(a >= b for a, b in zip(paths, paths[1:])):
         paths = sorted(set(paths))
     marked = attributes.marked_paths(paths, snapshot.read_text)
-    if prefixes or exact or globs or marked is not None:
-        paths = [
-            path
-            for path in paths
-            if path not in exact
-            and not path.startswith(prefixes)
-            and not any(rx.fullmatch(path) for rx in globs)
-            and not (marked is not None and marked(path))
-        ]
-    by_dir = _by_directory(paths)
+
+    def drop(path: str) -> bool:
+        return any(rx.fullmatch(path) for rx in globs) or (marked is not None and marked(path))
+
+    paths, by_dir = _by_directory(paths, prefixes, exact, drop if globs or marked else None)
     live = {path for files in by_dir.values() for path in files}
     return Derived(_plan(paths, by_dir, steering), live, paths)
