@@ -13,11 +13,11 @@ from malde_ostrel.workers.wiki.repo_facts import file_hash
 from malde_ostrel.workers.wiki.repo_scan import RepoError, find_root, snapshot, state_dir
 
 
-def git(repo: Path, *args: str) -> str:
+def git(repo: Path, *args: str, input: str | None = None) -> str:
     done = subprocess.run(
         ["git", "-c", "user.name=t", "-c", "user.email=t@t", "-c", "init.defaultBranch=main",
          *args],
-        cwd=repo, capture_output=True, text=True, check=True,
+        cwd=repo, capture_output=True, text=True, check=True, input=input,
     )  # fmt: skip
     return done.stdout.strip()
 
@@ -99,8 +99,14 @@ def test_renames_in_the_work_tree_and_unknown_commits(repo: Path) -> None:
 def test_progress_reaches_the_total(repo: Path) -> None:
     write(repo, {f"n{i}.py": str(i) for i in range(3)})
     seen: list[tuple[int, int]] = []
-    snapshot(repo).hashes(["a.py", "n0.py", "n1.py", "n2.py"], lambda d, t: seen.append((d, t)))
-    assert seen[0] == (1, 4) and seen[-1] == (4, 4)
+    snap = snapshot(repo)
+    snap.hashes(["a.py", "n0.py", "n1.py", "n2.py"], lambda d, t: seen.append((d, t)))
+    # One id comes from the index; the first read takes the live link along.
+    assert seen[0] == (1, 5) and seen[-1] == (5, 5)
+    write(repo, {"n0.py": "changed"})  # the snapshot is one moment: nothing read again
+    assert snap.hashes(["n0.py"], lambda d, t: seen.append((d, t))) == {
+        "n0.py": git(repo, "hash-object", "--stdin", input="0")}
+    assert seen[-1] == (1, 1)
 
 
 def test_refusals_are_one_line(repo: Path, tmp_path: Path) -> None:

@@ -94,6 +94,10 @@ class Snapshot:
     _blobs: git_io.BlobReader | None = dataclasses.field(
         default=None, repr=False, compare=False
     )
+    # Hashes of work-tree files read so far (a snapshot is one moment).
+    _read: dict[str, str | None] = dataclasses.field(
+        default_factory=dict, repr=False, compare=False
+    )
 
     def close(self) -> None:
         """Stop the blob reader, if one was started (a later read starts it again)."""
@@ -135,11 +139,13 @@ class Snapshot:
 
         The one source of every hash the tool stores or compares.  Ids git
         knows are taken as they are; only the other files of a work tree are
-        read.  ``progress(done, total)`` is called now and then.
+        read, all in the first call that needs one, and each once per
+        snapshot.  ``progress(done, total)`` is called now and then.
         """
         wanted = list(paths)
         result: dict[str, str | None] = {}
-        unread: list[tuple[str, str]] = []
+        reads: list[tuple[str, str]] = []
+        pending: dict[str, None] = {}  # files to read, in order
         known = self.known_ids
         for path in wanted:
             oid = known.get(path)
@@ -148,42 +154,53 @@ class Snapshot:
                 outside = _outside(rel)
                 oid = None if outside else known.get(rel)
                 if oid is None and self.checked_out and not outside:
-                    unread.append((path, rel))
+                    reads.append((path, rel))
+                    if rel not in self._read:
+                        pending[rel] = None
             result[path] = oid
-        total = len(wanted)
-        done = total - len(unread)
+        done = len(wanted) - len(pending)
+        if pending and self.in_git and not self._read:
+            # The first read: every live file git has no id for goes in the
+            # same runs, so that later calls read nothing.
+            for path in self.paths:
+                if path not in known:
+                    pending[path] = None
+        todo = list(pending)
+        total = done + len(todo)
         if progress is not None:
             progress(done, total)
-        for start in range(0, len(unread), _CHUNK):
-            chunk = unread[start : start + _CHUNK]
-            result.update(self._hash_files(chunk))
+        for start in range(0, len(todo), _CHUNK):
+            chunk = todo[start : start + _CHUNK]
+            self._read.update(self._hash_files(chunk))
             done += len(chunk)
             if progress is not None:
                 progress(done, total)
+        for path, rel in reads:
+            result[path] = self._read[rel]
         return result
 
-    def _hash_files(self, chunk: list[tuple[str, str]]) -> dict[str, str | None]:
+    def _hash_files(self, rels: list[str]) -> dict[str, str | None]:
         """Hashes of work-tree files read from disk."""
         result: dict[str, str | None] = {}
-        files: list[tuple[str, str]] = []
-        for path, rel in chunk:
+        files: list[str] = []
+        for rel in rels:
             try:
                 is_file = stat.S_ISREG(os.stat(self.root / rel).st_mode)
             except (OSError, ValueError):
                 is_file = False
             if is_file:
-                files.append((path, rel))
+                files.append(rel)
             else:
-                result[path] = None
-        by_git = self._hash_objects([rel for _path, rel in files]) if self.in_git else None
+                result[rel] = None
+        by_git = self._hash_objects(files) if self.in_git else None
         some_id = self.commit or next(iter(self.known_ids.values()), "")
         algorithm = "sha256" if len(some_id) == 64 else "sha1"
-        for index, (path, rel) in enumerate(files):
+        for index, rel in enumerate(files):
             if by_git is not None:
-                result[path] = by_git[index]
+                result[rel] = by_git[index]
                 continue
             data = self.read_bytes(rel)
-            result[path] = None if data is None else blob_id(data, algorithm)
+            result[rel] = None if data is None else blob_id(data, algorithm)
         return result
 
     def _hash_objects(self, rels: list[str]) -> list[str] | None:
