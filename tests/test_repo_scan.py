@@ -112,6 +112,7 @@ def test_progress_reaches_the_total(repo: Path) -> None:
 def test_refusals_are_one_line(repo: Path, tmp_path: Path) -> None:
     with pytest.raises(RepoError, match="no branch 'nope'"):
         snapshot(repo, "nope")
+    assert snapshot(repo, "main").checked_out is True
     git(repo, "checkout", "-q", "--detach")
     with pytest.raises(RepoError, match="HEAD is detached; name the branch with --branch"):
         snapshot(repo)
