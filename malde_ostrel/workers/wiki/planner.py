@@ -12,8 +12,8 @@ Rules (the same paths and steering always give the same plan, in the same order)
 * A directory with more than ``MAX_FILES_PER_PAGE`` source files becomes a
   decomposed family: a parent page that lists its children and holds no
   files, and parts that take the sorted files in runs cut where the names
-  say (see ``splits``), so that a file added or removed leaves the other
-  parts alone.  A part is ``<parent>-part-<its first file's name>``.
+  say (see ``splits``), so that a file added or removed mostly leaves the
+  other parts alone.  A part is ``<parent>-part-<its first file's name>``.
 * Two non-code pages with literal ids: ``overview`` always, ``architecture``
   when there are at least ``ARCHITECTURE_MIN_CODE_PAGES`` code-unit pages.
 * Steering pages come from ``STEERING_FILE`` at the repository root (see

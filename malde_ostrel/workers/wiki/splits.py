@@ -6,9 +6,13 @@ before it did too, which keeps most parts from being tiny.  A part still
 larger than the limit is cut again the same way with twice the threshold, up
 to one name in two; past that (all but never), into even runs.
 
-Cut points depend on the names alone, not on positions: one file added or
-removed changes the part it falls in and at times a part next to it (a new
-cut, or a cut gone with its file), never the parts further along.
+Cut points depend on the names alone, not on positions.  One file added or
+removed changes the part it falls in and, at times, the parts around it up
+to the next top-level cut (when a cut comes or goes with the file, or a run
+grows past the limit or back under it); the parts beyond stay as they are.
+On random directories of 13 to 150 files about one addition in thirteen and
+one removal in five touch more than one part, where cutting by position
+moves nearly every later part.
 """
 
 from __future__ import annotations
