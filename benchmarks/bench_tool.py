@@ -12,7 +12,9 @@ the median of a few runs, the wall time and peak memory of:
 
     python benchmarks/bench_tool.py [--copies 2,8,33] [--repeat 3] [--steps inputs,...] [--keep]
 
-Peak memory is the child's maximum resident set, from ``os.wait4``.
+Wall time, processor time (user and system) and peak memory (the maximum
+resident set) come from ``os.wait4`` on each child; on a busy machine the
+processor time is the steadier figure.
 """
 
 from __future__ import annotations
@@ -71,8 +73,9 @@ def build_repo(where: Path, copies: int) -> int:
     return files
 
 
-def timed(argv: list[str], cwd: Path) -> tuple[float, float]:
-    """Wall time (s) and peak resident memory (MB) of one command; raises on failure."""
+def timed(argv: list[str], cwd: Path) -> tuple[float, float, float]:
+    """Wall time (s), processor time (s) and peak resident memory (MB) of one
+    command, its own children included; raises on failure."""
     with tempfile.TemporaryFile() as errors:
         start = time.perf_counter()
         proc = subprocess.Popen(argv, cwd=cwd, stdout=subprocess.DEVNULL, stderr=errors)
@@ -82,11 +85,12 @@ def timed(argv: list[str], cwd: Path) -> tuple[float, float]:
         if proc.returncode != 0:
             errors.seek(0)
             raise SystemExit(f"failed: {' '.join(argv)}\n{errors.read().decode(errors='replace')}")
-    return wall, usage.ru_maxrss / 1024
+    return wall, usage.ru_utime + usage.ru_stime, usage.ru_maxrss / 1024
 
 
-def median_of(runs: list[tuple[float, float]]) -> tuple[float, float]:
-    return statistics.median(w for w, _ in runs), max(m for _, m in runs)
+def median_of(runs: list[tuple[float, float, float]]) -> tuple[float, float, float]:
+    return (statistics.median(r[0] for r in runs), statistics.median(r[1] for r in runs),
+            max(r[2] for r in runs))  # fmt: skip
 
 
 STEPS = ("git status", "inputs", "first plan", "warm plan", "status")
@@ -94,10 +98,10 @@ STEPS = ("git status", "inputs", "first plan", "warm plan", "status")
 
 def measure(
     repo: Path, state: Path, repeat: int, python: str, steps: set[str]
-) -> dict[str, tuple[float, float]]:
+) -> dict[str, tuple[float, float, float]]:
     tool = [python, "-m", "malde_ostrel.workers.wiki", "--repo", str(repo),
             "--store", str(state / "store.sqlite3"), "--wiki-dir", str(state / "wiki")]  # fmt: skip
-    results: dict[str, tuple[float, float]] = {}
+    results: dict[str, tuple[float, float, float]] = {}
     timed(["git", "status", "--porcelain"], repo)  # a warm index and page cache
     results["git status"] = median_of(
         [timed(["git", "status", "--porcelain"], repo) for _ in range(repeat)]
@@ -107,7 +111,7 @@ def measure(
             [timed([python, "-c", INPUTS, str(repo)], repo) for _ in range(repeat)]
         )
     if steps & {"first plan", "warm plan", "status"}:
-        first: list[tuple[float, float]] = []
+        first: list[tuple[float, float, float]] = []
         for _ in range(repeat):
             shutil.rmtree(state, ignore_errors=True)
             state.mkdir(parents=True)
@@ -132,17 +136,17 @@ def main() -> None:
     args = parser.parse_args()
     work = Path(tempfile.mkdtemp(prefix="bench-tool-"))
     try:
-        print(f"{'files':>7}  {'step':<11} {'wall ms':>9} {'us/file':>8} {'peak MB':>8} "
-              f"{'x git status':>12}")  # fmt: skip
+        print(f"{'files':>7}  {'step':<11} {'wall ms':>9} {'cpu ms':>8} {'us/file':>8} "
+              f"{'peak MB':>8} {'x git status':>12}")  # fmt: skip
         for copies in (int(c) for c in args.copies.split(",")):
             repo = work / f"repo-{copies}"
             files = build_repo(repo, copies)
             steps = set(args.steps.split(","))
             results = measure(repo, work / f"state-{copies}", args.repeat, args.python, steps)
             base = results["git status"][0]
-            for step, (wall, peak) in results.items():
-                print(f"{files:>7}  {step:<11} {wall * 1e3:>9.1f} {wall * 1e6 / files:>8.2f} "
-                      f"{peak:>8.1f} {wall / base:>12.1f}")  # fmt: skip
+            for step, (wall, cpu, peak) in results.items():
+                print(f"{files:>7}  {step:<11} {wall * 1e3:>9.1f} {cpu * 1e3:>8.1f} "
+                      f"{wall * 1e6 / files:>8.2f} {peak:>8.1f} {wall / base:>12.1f}")  # fmt: skip
             sys.stdout.flush()
             if not args.keep:
                 shutil.rmtree(repo)
