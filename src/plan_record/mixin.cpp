@@ -2,6 +2,7 @@
 // a class statement makes it, from the bases the host gives.
 #include <array>
 #include <string>
+#include <vector>
 
 #include "records.hpp"
 #include "units.hpp"
@@ -143,13 +144,14 @@ Ref mark_synthesis_stale(const Call& call) {
   Ref mark_text = plan_record::call(dumps.get(), {stale_mark.get()});
   Ref branch = getattr(self, n.branch);
 
-  Ref params = check(PyTuple_New(count + 2));
-  PyTuple_SET_ITEM(params.get(), 0, mark_text.release());
-  PyTuple_SET_ITEM(params.get(), 1, branch.release());
-  for (Py_ssize_t i = 0; i < count; ++i) {
-    PyTuple_SET_ITEM(params.get(), i + 2, Py_NewRef(PyList_GET_ITEM(ids.get(), i)));
+  // (mark_text, branch, *ids): the ids as the list holds them now, since the
+  // code run above may have reached the list and changed it.
+  std::vector<Ref> params{std::move(mark_text), std::move(branch)};
+  for (Py_ssize_t i = 0; i < PyList_GET_SIZE(ids.get()); ++i) {
+    params.push_back(Ref::borrow(PyList_GET_ITEM(ids.get(), i)));
   }
-  plan_record::call(execute.get(), {sql.get(), params.get()});
+  Ref bound = tuple_of(params);
+  plan_record::call(execute.get(), {sql.get(), bound.get()});
   return none();
 }
 

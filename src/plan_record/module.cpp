@@ -1,6 +1,7 @@
 // Module frame: the module definition, its state, and the module body that
 // initialisation runs once per module object.
 #include <array>
+#include <vector>
 
 #include "records.hpp"
 #include "units.hpp"
@@ -168,10 +169,9 @@ class ModuleBody {
 };
 
 Ref interned_tuple(std::initializer_list<const char*> names) {
-  Ref tuple = check(PyTuple_New(static_cast<Py_ssize_t>(names.size())));
-  Py_ssize_t i = 0;
-  for (const char* name : names) PyTuple_SET_ITEM(tuple.get(), i++, interned(name).release());
-  return tuple;
+  std::vector<Ref> items;
+  for (const char* name : names) items.push_back(interned(name));
+  return tuple_of(items);
 }
 
 void init_state(PyObject* module) {

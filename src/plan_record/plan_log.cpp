@@ -1,6 +1,7 @@
 // Plan audit log and drift: the per-branch audit trail of each run's
 // amendments, and the warning when the pinned structure churns.
 #include <array>
+#include <vector>
 
 #include "records.hpp"
 #include "units.hpp"
@@ -11,10 +12,9 @@ namespace {
 
 // A tuple of keyword names for `call_kw`.
 Ref keywords(std::initializer_list<PyObject*> names) {
-  Ref tuple = check(PyTuple_New(static_cast<Py_ssize_t>(names.size())));
-  Py_ssize_t i = 0;
-  for (PyObject* name : names) PyTuple_SET_ITEM(tuple.get(), i++, Py_NewRef(name));
-  return tuple;
+  std::vector<Ref> items;
+  for (PyObject* name : names) items.push_back(Ref::borrow(name));
+  return tuple_of(items);
 }
 
 // try: body() finally: cleanup()

@@ -160,27 +160,29 @@ Ref sections_of_text(const Call& call, PyObject* body) {
     begin = end + 1;
   }
 
-  Ref result = check(PyList_New(static_cast<Py_ssize_t>(sections.size())));
-  for (std::size_t i = 0; i < sections.size(); ++i) {
-    const Section& section = sections[i];
+  std::vector<Ref> pairs;
+  pairs.reserve(sections.size());
+  for (const Section& section : sections) {
     Ref text = section.begin < 0 ? Ref::borrow(n.empty)
                                  : check(PyUnicode_Substring(body, section.begin, section.end));
-    PyList_SET_ITEM(result.get(), static_cast<Py_ssize_t>(i),
-                    check(PyTuple_Pack(2, section.heading.get(), text.get())).release());
+    pairs.push_back(tuple_of({section.heading, std::move(text)}));
   }
-  return result;
+  return list_of(pairs);
 }
 
-// Any other body: whatever its `split("\n")` gives, line by line.
+// Any other body: whatever its `split("\n")` gives, line by line. The
+// sections are held natively, out of reach of the Python code that a line's
+// own methods or a replaced pattern may run.
 Ref sections_of_lines(const Call& call, PyObject* body) {
+  struct Section {
+    Ref heading;
+    Ref lines;  // list of the section's lines
+  };
   const Names& n = call.state().names;
   Ref lines = call_method(body, n.split, {n.line_feed});
-  Ref fences = check(PyTuple_Pack(2, n.fence_backticks, n.fence_tildes));
-  Ref headings = new_list();
-  Ref groups = new_list();
-  Ref current = new_list();
-  append(headings.get(), n.empty);
-  append(groups.get(), current.get());
+  Ref fences = tuple_of({Ref::borrow(n.fence_backticks), Ref::borrow(n.fence_tildes)});
+  std::vector<Section> sections;
+  sections.push_back({Ref::borrow(n.empty), new_list()});
   HeadingTest heading_of(call);
   bool in_fence = false;
 
@@ -195,23 +197,18 @@ Ref sections_of_lines(const Call& call, PyObject* body) {
     }
     if (fence) in_fence = !in_fence;
     if (!in_fence) {
-      if (Ref heading = heading_of.in_line(line)) {
-        current = new_list();
-        append(headings.get(), heading.get());
-        append(groups.get(), current.get());
-      }
+      if (Ref heading = heading_of.in_line(line)) sections.push_back({std::move(heading), new_list()});
     }
-    append(current.get(), line);
+    append(sections.back().lines.get(), line);
   });
 
-  const Py_ssize_t count = PyList_GET_SIZE(headings.get());
-  Ref result = new_list(count);
-  for (Py_ssize_t i = 0; i < count; ++i) {
-    Ref text = check(PyUnicode_Join(n.line_feed, PyList_GET_ITEM(groups.get(), i)));
-    Ref pair = check(PyTuple_Pack(2, PyList_GET_ITEM(headings.get(), i), text.get()));
-    PyList_SET_ITEM(result.get(), i, pair.release());
+  std::vector<Ref> pairs;
+  pairs.reserve(sections.size());
+  for (const Section& section : sections) {
+    Ref text = check(PyUnicode_Join(n.line_feed, section.lines.get()));
+    pairs.push_back(tuple_of({section.heading, std::move(text)}));
   }
-  return result;
+  return list_of(pairs);
 }
 
 Ref sections_of(const Call& call, PyObject* body) {
@@ -453,10 +450,10 @@ class DistinctTexts {
         if (distinct && !text_less(order_[distinct - 1], order_[i])) continue;  // equal to the last kept
         order_[distinct++] = order_[i];
       }
-      list = check(PyList_New(static_cast<Py_ssize_t>(distinct)));
-      for (std::size_t i = 0; i < distinct; ++i) {
-        PyList_SET_ITEM(list.get(), static_cast<Py_ssize_t>(i), Py_NewRef(order_[i].text));
-      }
+      std::vector<Ref> kept;
+      kept.reserve(distinct);
+      for (std::size_t i = 0; i < distinct; ++i) kept.push_back(Ref::borrow(order_[i].text));
+      list = list_of(kept);
     }
     texts_.clear();
     set_ = Ref();
