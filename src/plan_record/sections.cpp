@@ -232,12 +232,28 @@ bool same_text(PyObject* a, PyObject* b) noexcept {
          std::memcmp(PyUnicode_DATA(a), PyUnicode_DATA(b), static_cast<std::size_t>(n * kind)) == 0;
 }
 
-// A key of an exact text and two exact integers of machine size.
+// The 64-bit finaliser of MurmurHash3: every input bit reaches every output
+// bit, so keys that differ only in their high bits still spread over the
+// table's low bits.
+constexpr std::uint64_t mix_multiplier_a = 0xFF51AFD7ED558CCDULL;
+constexpr std::uint64_t mix_multiplier_b = 0xC4CEB9FE1A85EC53ULL;
+
+constexpr std::uint64_t mix64(std::uint64_t x) noexcept {
+  x ^= x >> 33;
+  x *= mix_multiplier_a;
+  x ^= x >> 33;
+  x *= mix_multiplier_b;
+  x ^= x >> 33;
+  return x;
+}
+
+// A key of an exact text and two exact integers of machine size. Its hash
+// starts from the text's own hash, which the interpreter seeds per process.
 struct PlainKey {
   PyObject* path;
   long long first;
   long long last;
-  Py_hash_t hash;
+  std::uint64_t hash;
 };
 
 bool machine_integer(PyObject* o, long long* value) {
@@ -261,57 +277,64 @@ bool plain_key(PyObject* path, PyObject* first, PyObject* last, PlainKey* key) {
   key->path = path;
   const Py_hash_t text_hash = PyObject_Hash(path);
   if (text_hash == -1) raise();
-  const auto mixed = static_cast<std::uint64_t>(text_hash) * 0x9E3779B97F4A7C15ULL ^
-                     static_cast<std::uint64_t>(key->first) * 0xC2B2AE3D27D4EB4FULL ^
-                     static_cast<std::uint64_t>(key->last) * 0x165667B19E3779F9ULL;
-  key->hash = static_cast<Py_hash_t>(mixed ^ (mixed >> 29));
+  const std::uint64_t h = mix64(static_cast<std::uint64_t>(text_hash) ^ static_cast<std::uint64_t>(key->first));
+  key->hash = mix64(h ^ static_cast<std::uint64_t>(key->last));
   return true;
 }
 
-// The stored citations by key (path text, first line, last line); of two
-// records with one key the later wins. While every key is an exact text and
-// two integers of machine size, the index is a native table: such keys hash
-// and compare without running Python code, so one native probe stands for the
-// membership test and the subscript. Any other key, stored or looked up, goes
-// through a dict of the same keys in the same order, which hashes and compares
-// them as Python does, twice for a key that is present.
+// The stored citations by key, `stored[(str(path), int(start), int(end))] = c`
+// for each citation, the later of two with one key winning; `find` answers
+// `stored[key] if key in stored`.
+//
+// Fast path: while every key is an exact text and two integers of machine
+// size, the index is an open-addressing table of its own. Such keys hash and
+// compare without running Python code, so one probe stands for the membership
+// test and the subscript, and the answers are the dict's. Any other key,
+// stored or looked up, and any probe run longer than `max_probe_run`, moves
+// the index into a dict of the same keys in the same order, which hashes and
+// compares them as Python does (twice for a key that is present).
 class StoredIndex {
  public:
   void add(Ref path, Ref first, Ref last, PyObject* record) {
     if (!dict_) {
       PlainKey key;
       if (plain_key(path.get(), first.get(), last.get(), &key)) {
-        std::int32_t& slot = slots_[probe(key)];
-        if (slot >= 0) {
-          records_[static_cast<std::size_t>(slot)] = Ref::borrow(record);
+        const std::size_t at = probe(key);
+        if (at != no_slot) {
+          std::int32_t& slot = slots_[at];
+          if (slot >= 0) {
+            records_[static_cast<std::size_t>(slot)] = Ref::borrow(record);
+            return;
+          }
+          slot = static_cast<std::int32_t>(keys_.size());
+          keys_.push_back(key);
+          records_.push_back(Ref::borrow(record));
+          owned_.push_back({std::move(path), std::move(first), std::move(last)});
+          if (keys_.size() * max_load_inverse > slots_.size()) rehash(slots_.size() * 2);
           return;
         }
-        slot = static_cast<std::int32_t>(keys_.size());
-        keys_.push_back(key);
-        records_.push_back(Ref::borrow(record));
-        owned_.push_back({std::move(path), std::move(first), std::move(last)});
-        if (keys_.size() * 2 > slots_.size()) rehash(slots_.size() * 2);
-        return;
       }
       make_dict();
     }
-    Ref key = check(PyTuple_Pack(3, path.get(), first.get(), last.get()));
+    Ref key = tuple_of({std::move(path), std::move(first), std::move(last)});
     dict_set(dict_.get(), key.get(), record);
   }
 
-  // `stored[key] if key in stored`, or an empty Ref.
   Ref find(PyObject* key) {
     if (!dict_) {
       PlainKey plain;
       if (PyTuple_CheckExact(key) && PyTuple_GET_SIZE(key) == 3 &&
           plain_key(PyTuple_GET_ITEM(key, 0), PyTuple_GET_ITEM(key, 1), PyTuple_GET_ITEM(key, 2), &plain)) {
-        const std::int32_t index = slots_[probe(plain)];
-        return index < 0 ? Ref() : records_[static_cast<std::size_t>(index)];
+        const std::size_t at = probe(plain);
+        if (at != no_slot) {
+          const std::int32_t index = slots_[at];
+          return index < 0 ? Ref() : records_[static_cast<std::size_t>(index)];
+        }
       }
       make_dict();
     }
     if (!check(PyDict_Contains(dict_.get(), key))) return Ref();
-    return row_item(dict_.get(), key);
+    return getitem(dict_.get(), key);
   }
 
  private:
@@ -321,10 +344,17 @@ class StoredIndex {
     Ref last;
   };
 
-  // The slot of `key`, or the empty slot where it would go.
+  static constexpr std::size_t initial_slots = 16;     // a power of two
+  static constexpr std::size_t max_load_inverse = 2;   // at most half the slots hold keys
+  static constexpr std::size_t max_probe_run = 64;     // longer runs mean hostile keys
+  static constexpr std::size_t no_slot = SIZE_MAX;
+
+  // The slot of `key`, or the empty slot where it would go; `no_slot` when
+  // the run of slots to search is longer than `max_probe_run`.
   std::size_t probe(const PlainKey& key) const noexcept {
     const std::size_t mask = slots_.size() - 1;
-    for (std::size_t at = static_cast<std::size_t>(key.hash) & mask;; at = (at + 1) & mask) {
+    std::size_t at = static_cast<std::size_t>(key.hash) & mask;
+    for (std::size_t run = 0; run < max_probe_run; ++run, at = (at + 1) & mask) {
       const std::int32_t index = slots_[at];
       if (index < 0) return at;
       const PlainKey& held = keys_[static_cast<std::size_t>(index)];
@@ -333,11 +363,19 @@ class StoredIndex {
         return at;
       }
     }
+    return no_slot;
   }
 
   void rehash(std::size_t size) {
     slots_.assign(size, -1);
-    for (std::size_t i = 0; i < keys_.size(); ++i) slots_[probe(keys_[i])] = static_cast<std::int32_t>(i);
+    for (std::size_t i = 0; i < keys_.size(); ++i) {
+      const std::size_t at = probe(keys_[i]);
+      if (at == no_slot) {
+        make_dict();
+        return;
+      }
+      slots_[at] = static_cast<std::int32_t>(i);
+    }
   }
 
   // The same index as a dict: the keys in their first order, each with its
@@ -345,8 +383,8 @@ class StoredIndex {
   void make_dict() {
     dict_ = new_dict();
     for (std::size_t i = 0; i < owned_.size(); ++i) {
-      const Owned& key_parts = owned_[i];
-      Ref key = check(PyTuple_Pack(3, key_parts.path.get(), key_parts.first.get(), key_parts.last.get()));
+      const Owned& parts = owned_[i];
+      Ref key = tuple_of({parts.path, parts.first, parts.last});
       dict_set(dict_.get(), key.get(), records_[i].get());
     }
   }
@@ -354,56 +392,57 @@ class StoredIndex {
   std::vector<PlainKey> keys_;  // borrowing their texts from `owned_`
   std::vector<Ref> records_;
   std::vector<Owned> owned_;
-  std::vector<std::int32_t> slots_ = std::vector<std::int32_t>(16, -1);
+  std::vector<std::int32_t> slots_ = std::vector<std::int32_t>(initial_slots, -1);
   Ref dict_;  // once made, the one index
 };
 
-StoredIndex index_citations(const Names& n, PyObject* citations, PyObject* zero) {
+StoredIndex index_citations(const Names& n, PyObject* citations) {
   StoredIndex stored;
+  Ref zero = integer(0);
   for_each(citations, [&](PyObject* c) {
     Ref path = row_get(n, c, n.citation_path, n.empty);
     Ref path_text = as_text(path.get());
-    Ref start_value = row_get(n, c, n.line_start, zero);
+    Ref start_value = row_get(n, c, n.line_start, zero.get());
     Ref start = check(PyNumber_Long(start_value.get()));
-    Ref end_value = row_get(n, c, n.line_end, zero);
+    Ref end_value = row_get(n, c, n.line_end, zero.get());
     Ref end = check(PyNumber_Long(end_value.get()));
     stored.add(std::move(path_text), std::move(start), std::move(end), c);
   });
   return stored;
 }
 
-// An exact text read for sorting: its code units and their width.
+// An exact text read for sorting: its code units and their width, and for a
+// one-byte text its first eight code units as one number, most significant
+// first and zero past the end, which orders most pairs in one comparison.
 struct SortKey {
+  std::uint64_t head;
   const void* data;
   Py_ssize_t length;
   int kind;
   PyObject* text;
 };
 
+constexpr Py_ssize_t head_units = 8;
+
 SortKey sort_key(PyObject* text) noexcept {
-  return {PyUnicode_DATA(text), PyUnicode_GET_LENGTH(text), static_cast<int>(PyUnicode_KIND(text)), text};
+  SortKey key{0, PyUnicode_DATA(text), PyUnicode_GET_LENGTH(text), static_cast<int>(PyUnicode_KIND(text)), text};
+  if (key.kind == PyUnicode_1BYTE_KIND) {
+    const auto* units = static_cast<const unsigned char*>(key.data);
+    for (Py_ssize_t i = 0; i < head_units; ++i) key.head = key.head << 8 | (i < key.length ? units[i] : 0U);
+  }
+  return key;
 }
 
-// Code-point order of two exact texts. One-byte texts compare eight code
-// units at a time, most significant first.
+// Code-point order of two exact texts, `a < b`.
 inline bool text_less(const SortKey& a, const SortKey& b) noexcept {
   const Py_ssize_t n = std::min(a.length, b.length);
   if (a.kind == PyUnicode_1BYTE_KIND && b.kind == PyUnicode_1BYTE_KIND) {
-    const auto* x = static_cast<const unsigned char*>(a.data);
-    const auto* y = static_cast<const unsigned char*>(b.data);
-    Py_ssize_t i = 0;
-    for (; i + 8 <= n; i += 8) {
-      std::uint64_t u;
-      std::uint64_t v;
-      std::memcpy(&u, x + i, 8);
-      std::memcpy(&v, y + i, 8);
-      if (u != v) {
-        while (x[i] == y[i]) ++i;
-        return x[i] < y[i];
-      }
-    }
-    for (; i < n; ++i) {
-      if (x[i] != y[i]) return x[i] < y[i];
+    if (a.head != b.head) return a.head < b.head;
+    if (n > head_units) {
+      const int order = std::memcmp(static_cast<const unsigned char*>(a.data) + head_units,
+                                    static_cast<const unsigned char*>(b.data) + head_units,
+                                    static_cast<std::size_t>(n - head_units));
+      if (order != 0) return order < 0;
     }
     return a.length < b.length;
   }
@@ -555,9 +594,8 @@ Ref file_listing(const Names& n, PyObject* files, PyObject* file_hashes, PyObjec
 
 Ref section_map(const Call& call, PyObject* body, PyObject* citations, PyObject* file_hashes) {
   const Names& n = call.state().names;
-  Ref zero = integer(0);
   Ref nul = check(PyUnicode_FromStringAndSize("\0", 1));
-  StoredIndex stored = index_citations(n, citations, zero.get());
+  StoredIndex stored = index_citations(n, citations);
 
   Ref sections_fn = call.global(n.sections);
   Ref sections = as_native(call.state(), sections_fn.get(), sections_spec)
