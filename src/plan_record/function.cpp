@@ -12,8 +12,10 @@ PyObject* Call::module() const noexcept { return fn_->module; }
 
 ModuleState& Call::state() const noexcept { return state_of(fn_->module); }
 
-Ref Call::global(PyObject* name) const {
-  PyObject* globals = PyModule_GetDict(fn_->module);  // borrowed, never NULL
+Ref Call::global(PyObject* name) const { return module_global(fn_->module, name); }
+
+Ref module_global(PyObject* module, PyObject* name) {
+  PyObject* globals = PyModule_GetDict(module);  // borrowed, never NULL
   PyObject* found = PyDict_GetItemWithError(globals, name);
   if (found) return Ref::borrow(found);
   if (PyErr_Occurred()) raise();

@@ -68,6 +68,11 @@ struct Function {
   PyObject* weakrefs;
 };
 
+// A name of `module`'s namespace, looked up now as a function of the module
+// looks up a global: the namespace, then the builtins; NameError as Python
+// raises it when neither holds the name.
+Ref module_global(PyObject* module, PyObject* name);
+
 // The function type, made once per module object.
 Ref make_function_type(PyObject* module);
 

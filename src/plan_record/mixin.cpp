@@ -307,70 +307,54 @@ const FunctionSpec method_specs[] = {
      changes_params, 0, "dict[str, Any]", page_changes},
 };
 
-// The most derived metaclass of the bases, as a class statement finds it.
-Ref metaclass_of(PyObject* bases) {
-  const Py_ssize_t n = PyTuple_GET_SIZE(bases);
-  Ref winner = Ref::borrow(n ? reinterpret_cast<PyObject*>(Py_TYPE(PyTuple_GET_ITEM(bases, 0)))
-                             : reinterpret_cast<PyObject*>(&PyType_Type));
-  if (!PyType_Check(winner.get())) return winner;
-  for (Py_ssize_t i = 0; i < n; ++i) {
-    auto* base_meta = Py_TYPE(PyTuple_GET_ITEM(bases, i));
-    auto* current = reinterpret_cast<PyTypeObject*>(winner.get());
-    if (PyType_IsSubtype(current, base_meta)) continue;
-    if (PyType_IsSubtype(base_meta, current)) {
-      winner = Ref::borrow(reinterpret_cast<PyObject*>(base_meta));
-      continue;
-    }
-    raise(PyExc_TypeError,
-          "metaclass conflict: the metaclass of a derived class must be a (non-strict) subclass of "
-          "the metaclasses of all its bases");
-  }
-  return winner;
-}
-
-}  // namespace
-
-Ref make_mixin_class(PyObject* module) {
-  PyObject* globals = PyModule_GetDict(module);
+// The class body, statement by statement, run in the namespace that the
+// metaclass's `__prepare__` made.
+void run_mixin_body(PyObject* module, PyObject* ns) {
   const Names& n = state_of(module).names;
-  auto base = [&](const char* name) -> Ref {
-    PyObject* found = PyDict_GetItemString(globals, name);
-    if (!found) raise_format(PyExc_NameError, "name '%s' is not defined", name);
-    return Ref::borrow(found);
-  };
-  Ref retirement = base("PageRetirementMixin");
-  Ref steering = base("SteeringMixin");
-  Ref bases = check(PyTuple_Pack(2, retirement.get(), steering.get()));
-  Ref name = interned("PlanRecordMixin");
-
-  Ref meta = metaclass_of(bases.get());
-  Ref prepare = getattr(meta.get(), n.prepare);
-  Ref ns = call(prepare.get(), {name.get(), bases.get()});
-
-  // The class body, statement by statement.
   Ref module_name = check(PyModule_GetNameObject(module));
-  setitem(ns.get(), n.dunder_module, module_name.get());
-  setitem(ns.get(), n.dunder_qualname, name.get());
-  if (!contains(ns.get(), n.dunder_annotations)) {
+  setitem(ns, n.dunder_module, module_name.get());
+  Ref qualname = interned("PlanRecordMixin");
+  setitem(ns, n.dunder_qualname, qualname.get());
+  if (!contains(ns, n.dunder_annotations)) {
     Ref annotations = new_dict();
-    setitem(ns.get(), n.dunder_annotations, annotations.get());
+    setitem(ns, n.dunder_annotations, annotations.get());
   }
   Ref doc = text(mixin_doc);
-  setitem(ns.get(), n.dunder_doc, doc.get());
+  setitem(ns, n.dunder_doc, doc.get());
   for (const auto& [attribute, declared] : mixin_declarations) {
     Ref key = interned(attribute);
     Ref value = text(declared);
-    Ref target = getitem(ns.get(), n.dunder_annotations);
+    Ref target = getitem(ns, n.dunder_annotations);
     setitem(target.get(), key.get(), value.get());
   }
-
   for (const FunctionSpec& spec : method_specs) {
     Ref method = make_function(module, spec);
     Ref method_name = interned(spec.name);
-    setitem(ns.get(), method_name.get(), method.get());
+    setitem(ns, method_name.get(), method.get());
   }
+}
 
-  return call(meta.get(), {name.get(), bases.get(), ns.get()});
+PyObject* mixin_body(PyObject* module, PyObject* ns) noexcept {
+  return boundary([&] {
+    run_mixin_body(module, ns);
+    return none();
+  });
+}
+
+PyMethodDef mixin_body_def = {"PlanRecordMixin", mixin_body, METH_O, nullptr};
+
+}  // namespace
+
+// `types.new_class("PlanRecordMixin", bases, None, body)`: the interpreter's
+// own class creation picks the metaclass, calls its `__prepare__`, runs the
+// body and makes the class.
+Ref make_mixin_class(PyObject* module, PyObject* bases) {
+  const Names& n = state_of(module).names;
+  Ref types = check(PyImport_Import(n.types));
+  Ref new_class = getattr(types.get(), n.new_class);
+  Ref name = interned("PlanRecordMixin");
+  Ref body = check(PyCFunction_New(&mixin_body_def, module));
+  return call(new_class.get(), {name.get(), bases, Py_None, body.get()});
 }
 
 }  // namespace plan_record

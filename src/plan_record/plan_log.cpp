@@ -17,20 +17,6 @@ Ref keywords(std::initializer_list<PyObject*> names) {
   return tuple_of(items);
 }
 
-// try: body() finally: cleanup()
-template <class Body, class Cleanup>
-void try_finally(Body&& body, Cleanup&& cleanup) {
-  try {
-    body();
-  } catch (const PyErrorSet&) {
-    Ref pending = Ref::steal_maybe(PyErr_GetRaisedException());
-    while_handling(pending.get(), cleanup);
-    PyErr_SetRaisedException(pending.release());
-    throw;
-  }
-  cleanup();
-}
-
 // The text after the `k`-th line feed of `text` (0: all of it), or "" when
 // it has fewer: `"\n".join(text.split("\n")[k:])`.
 Ref after_line_feeds(const Names& n, PyObject* text, Py_ssize_t k) {
