@@ -5,9 +5,11 @@ function does. Run under the sanitizers by ./scripts/test."""
 
 from __future__ import annotations
 
+import ast
 import gc
 import inspect
 from collections.abc import Callable, Iterator
+from pathlib import Path
 from types import ModuleType
 from typing import Any
 
@@ -128,3 +130,23 @@ def test_stored_keys_that_differ_in_their_high_bits_index_like_a_dict(native: Mo
     entries = native.section_map(body, citations, {})
     assert entries == twin.section_map(body, citations, {})
     assert len(entries) == 2 and all(entry["symbols"] for entry in entries)
+
+
+def test_stub_declares_the_twins_annotations(twin: ModuleType) -> None:
+    """The twin is the one source of the annotation texts; the native module
+    takes them from it when built, and the stub must repeat them."""
+    stub = ast.parse(Path(twin.__file__).with_name("plan_record.pyi").read_text(encoding="utf-8"))
+    mixin = next(node for node in stub.body if isinstance(node, ast.ClassDef))
+    declared = {}
+    for owner, body in ((twin, stub.body), (twin.PlanRecordMixin, mixin.body)):
+        for node in body:
+            if isinstance(node, ast.FunctionDef):
+                arguments = node.args.args + node.args.kwonlyargs
+                texts = {a.arg: ast.unparse(a.annotation) for a in arguments if a.annotation}
+                texts["return"] = ast.unparse(node.returns) if node.returns else ""
+                declared[node.name] = (texts, getattr(owner, node.name).__annotations__)
+            elif isinstance(node, ast.AnnAssign) and owner is twin.PlanRecordMixin:
+                assert ast.unparse(node.annotation) == owner.__annotations__[ast.unparse(node.target)]
+    assert len(declared) == 13
+    for name, (texts, annotations) in declared.items():
+        assert texts == annotations, name

@@ -453,8 +453,9 @@ Ref make_function(PyObject* module, const FunctionSpec& spec) {
     }
     varnames.push_back(std::move(name));
   }
+  Ref return_key = interned("return");
   Ref returns = text(spec.returns);
-  check(PyDict_SetItemString(annotations.get(), "return", returns.get()));
+  check(PyDict_SetItem(annotations.get(), return_key.get(), returns.get()));
   fn->varnames = tuple_of(varnames).release();
   fn->annotations = annotations.release();
   fn->kwdefaults = kwdefaults.release();

@@ -39,13 +39,19 @@ struct ParamSpec {
   bool default_false = false;
 };
 
-struct FunctionSpec {
+// What a function shows of itself. The texts are generated from the
+// pure-Python twin's source at build time (texts.hpp).
+struct FunctionText {
   const char* name;
   const char* qualname;
   const char* doc;
   std::span<const ParamSpec> params;  // positional-or-keyword, then keyword-only
   std::size_t kwonly;                 // number of trailing keyword-only parameters
   const char* returns;
+};
+
+// A native function: its texts and its body.
+struct FunctionSpec : FunctionText {
   Impl impl;
 };
 

@@ -1,24 +1,15 @@
 // Store side of the plan of record: the class `PlanRecordMixin`, made the way
 // a class statement makes it, from the bases the host gives.
-#include <array>
 #include <string>
 #include <vector>
 
 #include "records.hpp"
+#include "texts.hpp"
 #include "units.hpp"
 
 namespace plan_record {
 
 namespace {
-
-constexpr const char* mixin_doc = "The store side of the plan of record, mixed into ``WikiGenerator``.";
-
-// The declared instance attributes the host object must provide.
-constexpr const char* mixin_declarations[][2] = {
-    {"branch", "str"},
-    {"pages_dir", "Path"},
-    {"_existing", "dict[str, dict[str, Any]]"},
-};
 
 // -- skeleton rows -----------------------------------------------------------
 
@@ -255,56 +246,12 @@ Ref page_changes(const Call& call) {
   return report;
 }
 
-constexpr std::array<ParamSpec, 2> persist_params{{{"self", nullptr}, {"plans", "list[PagePlan]"}}};
-constexpr std::array<ParamSpec, 4> select_params{{
-    {"self", nullptr},
-    {"plans", "list[PagePlan]"},
-    {"existing", "dict[str, dict[str, Any]]"},
-    {"force", "bool"},
-}};
-constexpr std::array<ParamSpec, 2> mark_params{{{"self", nullptr}, {"page_ids", "Iterable[str]"}}};
-constexpr std::array<ParamSpec, 3> cache_params{{
-    {"self", nullptr},
-    {"body", "str"},
-    {"citations", "list[dict[str, Any]]"},
-}};
-constexpr std::array<ParamSpec, 3> changes_params{{
-    {"self", nullptr},
-    {"plan", "PagePlan"},
-    {"row", "dict[str, Any] | None"},
-}};
-
 const FunctionSpec method_specs[] = {
-    {"_persist_plan_skeleton", "PlanRecordMixin._persist_plan_skeleton",
-     "Write the first plan as skeleton rows, one transaction, and count them.\n"
-     "\n"
-     "        Every pinned-level page with files, or family parent with children,\n"
-     "        that the store does not hold gets a row with the stale mark for hashes,\n"
-     "        so later derivations pin against it. Steering pages get none.\n"
-     "        ",
-     persist_params, 0, "int", persist_plan_skeleton},
-    {"_select_stale", "PlanRecordMixin._select_stale",
-     "The ids of the planned pages whose source files or steering changed.\n"
-     "\n"
-     "        Every planned page on a forced build or an empty store; otherwise the\n"
-     "        pages without a row and those whose current hashes differ from the\n"
-     "        stored ones. Each page is judged by its own row alone.\n"
-     "        ",
-     select_params, 0, "set[str]", select_stale},
-    {"_mark_synthesis_stale", "PlanRecordMixin._mark_synthesis_stale",
-     "Write the stale mark into the rows of these pages of this branch.", mark_params, 0, "None",
-     mark_synthesis_stale},
-    {"_section_cache", "PlanRecordMixin._section_cache",
-     "The build cache of a saved body: its section map and cited files' hashes.", cache_params, 0,
-     "dict[str, Any]", section_cache},
-    {"_page_changes", "PlanRecordMixin._page_changes",
-     "Files changed since a written page was saved, and its stale sections.\n"
-     "\n"
-     "        Empty for a page never written. Recorded hashes merge the row's source\n"
-     "        hashes with the build cache's file hashes (the cache wins); the steering\n"
-     "        digest and the stale mark are never compared as files.\n"
-     "        ",
-     changes_params, 0, "dict[str, Any]", page_changes},
+    {texts::mixin_persist_plan_skeleton, persist_plan_skeleton},
+    {texts::mixin_select_stale, select_stale},
+    {texts::mixin_mark_synthesis_stale, mark_synthesis_stale},
+    {texts::mixin_section_cache, section_cache},
+    {texts::mixin_page_changes, page_changes},
 };
 
 // The class body, statement by statement, run in the namespace that the
@@ -319,9 +266,9 @@ void run_mixin_body(PyObject* module, PyObject* ns) {
     Ref annotations = new_dict();
     setitem(ns, n.dunder_annotations, annotations.get());
   }
-  Ref doc = text(mixin_doc);
+  Ref doc = text(texts::mixin_doc);
   setitem(ns, n.dunder_doc, doc.get());
-  for (const auto& [attribute, declared] : mixin_declarations) {
+  for (const auto& [attribute, declared] : texts::mixin_declarations) {
     Ref key = interned(attribute);
     Ref value = text(declared);
     Ref target = getitem(ns, n.dunder_annotations);

@@ -1,26 +1,14 @@
 // Module frame: the module definition, its state, and the module body that
 // initialisation runs once per module object.
-#include <array>
 #include <vector>
 
 #include "records.hpp"
+#include "texts.hpp"
 #include "units.hpp"
 
 namespace plan_record {
 
 namespace {
-
-constexpr const char* module_doc =
-    "Plan of record: reconcile fresh structural plans against the stored pages.\n"
-    "\n"
-    "Stored code-unit pages keep their page ids across builds; new source paths\n"
-    "that no kept page covers become \"add\" amendments (new pages, or files absorbed\n"
-    "by a kept page, or the catch-all page); pages whose source files all vanished\n"
-    "become \"retire\" amendments.  A changed decomposition of a family is the one\n"
-    "exception: the fresh split wins and the superseded children retire, their\n"
-    "prose carried into the fresh family.  A replan maps old pages to new ids by\n"
-    "source-file overlap and carries their prose.  Every structural change is\n"
-    "returned as an amendment record.\n";
 
 // The module's imports, in order, run as the import statements they are, so
 // that the import machinery binds the names and words any failure.
@@ -197,7 +185,7 @@ PyModuleDef_Slot module_slots[] = {
 PyModuleDef module_def = {
     PyModuleDef_HEAD_INIT,
     "plan_record",
-    module_doc,
+    texts::module_doc,
     sizeof(ModuleState),
     nullptr,
     module_slots,

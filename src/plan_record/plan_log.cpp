@@ -1,9 +1,9 @@
 // Plan audit log and drift: the per-branch audit trail of each run's
 // amendments, and the warning when the pinned structure churns.
-#include <array>
 #include <vector>
 
 #include "records.hpp"
+#include "texts.hpp"
 #include "units.hpp"
 
 namespace plan_record {
@@ -197,45 +197,9 @@ Ref drift_signal(const Call& call, PyObject* amendments, PyObject* plan_size) {
 
 Ref drift_signal_entry(const Call& call) { return drift_signal(call, call.arg(0), call.arg(1)); }
 
-constexpr std::array<ParamSpec, 3> append_plan_log_params{{
-    {"wiki_dir", "Path"},
-    {"amendments", "list[dict[str, Any]]"},
-    {"replan", "bool"},
-}};
-
-constexpr std::array<ParamSpec, 2> drift_signal_params{{
-    {"amendments", "list[dict[str, Any]]"},
-    {"plan_size", "int"},
-}};
-
 }  // namespace
 
-const FunctionSpec append_plan_log_spec{
-    "append_plan_log",
-    "append_plan_log",
-    "Append this run's amendments to the branch's plan audit log.\n"
-    "\n"
-    "    One JSON line per run in ``wiki_dir / _PLAN_LOG_NAME``; past\n"
-    "    ``_PLAN_LOG_MAX_LINES`` lines the log keeps its last\n"
-    "    ``_PLAN_LOG_KEEP_LINES``. Lines are counted at line feeds only, so a record\n"
-    "    is always one line whatever its texts hold. The trim writes the kept lines\n"
-    "    to a temporary file beside the log and renames it over the log, so a\n"
-    "    failed trim leaves the log whole. Operating-system errors become a warning.\n"
-    "    ",
-    append_plan_log_params,
-    1,
-    "None",
-    append_plan_log_entry,
-};
-
-const FunctionSpec drift_signal_spec{
-    "drift_signal",
-    "drift_signal",
-    "Human-readable drift warning when structure churns, else None.",
-    drift_signal_params,
-    0,
-    "str | None",
-    drift_signal_entry,
-};
+const FunctionSpec append_plan_log_spec{texts::append_plan_log, append_plan_log_entry};
+const FunctionSpec drift_signal_spec{texts::drift_signal, drift_signal_entry};
 
 }  // namespace plan_record

@@ -1,12 +1,12 @@
 // Section analysis: a page body cut into its `##` sections outside code
 // fences, and what the stored citations of each section cite.
 #include <algorithm>
-#include <array>
 #include <cstdint>
 #include <cstring>
 #include <vector>
 
 #include "records.hpp"
+#include "texts.hpp"
 #include "units.hpp"
 
 namespace plan_record {
@@ -654,43 +654,9 @@ Ref section_map(const Call& call, PyObject* body, PyObject* citations, PyObject*
 
 Ref section_map_entry(const Call& call) { return section_map(call, call.arg(0), call.arg(1), call.arg(2)); }
 
-constexpr std::array<ParamSpec, 1> sections_params{{
-    {"body", "str"},
-}};
-
-constexpr std::array<ParamSpec, 3> section_map_params{{
-    {"body", "str"},
-    {"citations", "Sequence[dict[str, Any]]"},
-    {"file_hashes", "dict[str, str]"},
-}};
-
 }  // namespace
 
-const FunctionSpec sections_spec{
-    "_sections",
-    "_sections",
-    "``(heading, text)`` of each ``##`` section of a body, outside code fences; the text\n"
-    "    of a section starts with its own heading line. The first pair is the lead-in,\n"
-    "    heading ``\"\"``, with the lines before the first heading.\n"
-    "    ",
-    sections_params,
-    0,
-    "list[tuple[str, str]]",
-    sections_entry,
-};
-
-const FunctionSpec section_map_spec{
-    "section_map",
-    "section_map",
-    "``[{heading, files, symbols, hash}]``: what each section of a body cites.\n"
-    "\n"
-    "    Only the page's stored citations count; ``hash`` covers the content hashes\n"
-    "    of the files the section cites. The lead-in is left out unless it cites.\n"
-    "    ",
-    section_map_params,
-    0,
-    "list[dict[str, Any]]",
-    section_map_entry,
-};
+const FunctionSpec sections_spec{texts::sections, sections_entry};
+const FunctionSpec section_map_spec{texts::section_map, section_map_entry};
 
 }  // namespace plan_record
