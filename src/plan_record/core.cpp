@@ -53,8 +53,7 @@ Ref list_of(std::initializer_list<Ref> items) { return list_from(items); }
 Ref list_of(std::span<const Ref> items) { return list_from(items); }
 
 Ref call(PyObject* callable, std::initializer_list<PyObject*> args) {
-  // One slot in front lets the callee prepend `self` without copying.
-  PyObject* slots[8];
+  PyObject* slots[call_slots];
   const std::size_t n = args.size();
   if (n + 1 > std::size(slots)) raise(PyExc_SystemError, "plan_record: too many call arguments");
   std::size_t i = 1;
@@ -64,7 +63,7 @@ Ref call(PyObject* callable, std::initializer_list<PyObject*> args) {
 
 Ref call_kw(PyObject* callable, std::initializer_list<PyObject*> positional,
             std::initializer_list<PyObject*> keywords, PyObject* kwnames) {
-  PyObject* slots[24];
+  PyObject* slots[call_kw_slots];
   const std::size_t n = positional.size() + keywords.size();
   if (n + 1 > std::size(slots)) raise(PyExc_SystemError, "plan_record: too many call arguments");
   std::size_t i = 1;
@@ -75,7 +74,7 @@ Ref call_kw(PyObject* callable, std::initializer_list<PyObject*> positional,
 }
 
 Ref call_method(PyObject* self, PyObject* name, std::initializer_list<PyObject*> args) {
-  PyObject* slots[8];
+  PyObject* slots[call_slots];
   const std::size_t n = args.size() + 1;
   if (n > std::size(slots)) raise(PyExc_SystemError, "plan_record: too many call arguments");
   slots[0] = self;

@@ -142,6 +142,8 @@ PyObject* function_vectorcall(PyObject* callable, PyObject* const* args, std::si
         if (!PyUnicode_Check(keyword)) {
           raise_format(PyExc_TypeError, "%U() keywords must be strings", fn->qualname);
         }
+        // `keyword is name` for each parameter name first, then `keyword == name`,
+        // as CPython matches keywords.
         std::size_t j = 0;
         while (j < total && PyTuple_GET_ITEM(fn->varnames, j) != keyword) ++j;
         if (j == total) {

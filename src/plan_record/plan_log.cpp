@@ -1,5 +1,6 @@
 // Plan audit log and drift: the per-branch audit trail of each run's
 // amendments, and the warning when the pinned structure churns.
+#include <cstring>
 #include <vector>
 
 #include "records.hpp"
@@ -42,14 +43,32 @@ Py_ssize_t slice_start(PyObject* start, Py_ssize_t length) {
   return begin;
 }
 
+// How many line feeds an exact text holds.
+Py_ssize_t line_feeds(const Names& n, PyObject* text) {
+  if (PyUnicode_KIND(text) != PyUnicode_1BYTE_KIND) {
+    return check_size(PyUnicode_Count(text, n.line_feed, 0, PY_SSIZE_T_MAX));
+  }
+  const auto* at = static_cast<const char*>(PyUnicode_DATA(text));
+  const char* const end = at + PyUnicode_GET_LENGTH(text);
+  Py_ssize_t count = 0;
+  while ((at = static_cast<const char*>(std::memchr(at, '\n', static_cast<std::size_t>(end - at))))) {
+    ++count;
+    ++at;
+  }
+  return count;
+}
+
 // The log's text after the append: how many lines it holds (counted at line
 // feeds only), and the last lines a trim keeps.
 class LogLines {
  public:
+  // `lines = text.split("\n")`
+  // `count = len(lines) - 1 if lines[-1] == "" else len(lines)`
   LogLines(const Names& n, PyObject* text) : n_(n), text_(Ref::borrow(text)) {
     if (PyUnicode_CheckExact(text)) {
+      // Fast path: an exact text's lines are counted, not made.
       const Py_ssize_t size = PyUnicode_GET_LENGTH(text);
-      const Py_ssize_t feeds = check_size(PyUnicode_Count(text, n.line_feed, 0, PY_SSIZE_T_MAX));
+      const Py_ssize_t feeds = line_feeds(n, text);
       length_ = feeds + 1;
       const bool open_end = size > 0 && PyUnicode_READ_CHAR(text, size - 1) != '\n';
       count_ = check(PyLong_FromSsize_t(open_end ? feeds + 1 : feeds));
@@ -69,6 +88,7 @@ class LogLines {
   // `"\n".join(lines[count - keep:])`
   Ref kept(PyObject* keep) const {
     Ref start = check(PyNumber_Subtract(count_.get(), keep));
+    // Fast path: the tail of an exact text is cut at its line feeds.
     if (!lines_) return after_line_feeds(n_, text_.get(), slice_start(start.get(), length_));
     Ref slice = check(PySlice_New(start.get(), nullptr, nullptr));
     Ref tail = getitem(lines_.get(), slice.get());

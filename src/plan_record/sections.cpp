@@ -24,7 +24,8 @@ Chars chars_of(PyObject* text) noexcept {
   return {static_cast<int>(PyUnicode_KIND(text)), PyUnicode_DATA(text)};
 }
 
-// The end of the line that starts at `from`: the next line feed, or `end`.
+// The end of the line that starts at `from`: the next line feed, or `end`;
+// `text.find("\n", start, end)`, through memchr for a one-byte text.
 Py_ssize_t line_end(const Chars& s, Py_ssize_t from, Py_ssize_t end) noexcept {
   if (s.kind == PyUnicode_1BYTE_KIND) {
     const auto* base = static_cast<const Py_UCS1*>(s.data);
@@ -37,7 +38,7 @@ Py_ssize_t line_end(const Chars& s, Py_ssize_t from, Py_ssize_t end) noexcept {
 
 // Whether the line [begin, end) opens or closes a code fence: after its
 // leading white space (as `str.lstrip` strips it) come three backticks or
-// three tildes.
+// three tildes. `line.lstrip().startswith(("```", "~~~"))`
 bool fence_line(const Chars& s, Py_ssize_t begin, Py_ssize_t end) noexcept {
   while (begin < end && Py_UNICODE_ISSPACE(s.at(begin))) ++begin;
   if (end - begin < 3) return false;
@@ -110,6 +111,8 @@ class HeadingTest {
 
  private:
   // The heading text, or an empty Ref when the line is no heading.
+  // Fast path: `m = _SECTION_RE.match(line); m and m.group(1)` for the
+  // original pattern, without the pattern engine.
   static Ref native(PyObject* text, Py_ssize_t begin, Py_ssize_t end) {
     Py_ssize_t text_begin = 0;
     Py_ssize_t text_end = 0;
@@ -129,9 +132,10 @@ class HeadingTest {
   bool original_ = false;
 };
 
-// An exact text body: its sections are runs of whole lines, so each section's
-// text is one slice of the body and no line is ever made into an object
-// unless a replaced pattern has to see it.
+// Fast path: `_sections(body)` of an exact text body. Its sections are runs
+// of whole lines, so each section's text is one slice of the body
+// (`"\n".join(lines)` of those lines) and no line is ever made into an
+// object unless a replaced pattern has to see it.
 Ref sections_of_text(const Call& call, PyObject* body) {
   struct Section {
     Ref heading;
@@ -211,6 +215,7 @@ Ref sections_of_lines(const Call& call, PyObject* body) {
   return list_of(pairs);
 }
 
+// `_sections(body)`
 Ref sections_of(const Call& call, PyObject* body) {
   return PyUnicode_CheckExact(body) ? sections_of_text(call, body) : sections_of_lines(call, body);
 }
@@ -515,6 +520,7 @@ struct ListingLine {
   Ref whole;  // the line as Python concatenation made it, when not exact
 };
 
+// `"\n".join(path + "\0" + str(file_hashes.get(path, "")) for path in files)`
 Ref file_listing(const Names& n, PyObject* files, PyObject* file_hashes, PyObject* nul,
                  std::vector<ListingLine>& lines) {
   using Line = ListingLine;
@@ -597,6 +603,8 @@ Ref section_map(const Call& call, PyObject* body, PyObject* citations, PyObject*
   Ref nul = check(PyUnicode_FromStringAndSize("\0", 1));
   StoredIndex stored = index_citations(n, citations);
 
+  // Fast path: `_sections(body)` runs its body directly, without binding
+  // arguments, while the name still holds this module's own function.
   Ref sections_fn = call.global(n.sections);
   Ref sections = as_native(call.state(), sections_fn.get(), sections_spec)
                      ? sections_of(call, body)
