@@ -5,6 +5,15 @@
 
 namespace plan_record {
 
+namespace {
+
+// Argument slots on the stack of one call, one more than the arguments: the
+// slot in front lets the callee prepend `self` without copying.
+constexpr std::size_t call_slots = 8;
+constexpr std::size_t call_kw_slots = 24;
+
+}  // namespace
+
 void raise(PyObject* type, const char* message) {
   PyErr_SetString(type, message);
   throw PyErrorSet{};
