@@ -510,7 +510,7 @@ def fault_points(counts: dict[str, int], pick: int) -> list[tuple[str, int, int]
     points += [(name, k, 0) for name, _k, mode in list(points) if mode != 0 for k in [_k]]
     if len(points) > FAULT_BUDGET:
         step = len(points) / FAULT_BUDGET
-        points = [points[int(i * step + pick % step)] for i in range(FAULT_BUDGET)]
+        points = [points[min(int(i * step + pick % step), len(points) - 1)] for i in range(FAULT_BUDGET)]
     return points
 
 

@@ -5,6 +5,15 @@
 
 namespace plan_record {
 
+namespace {
+
+// Argument slots on the stack of one call, one more than the arguments: the
+// slot in front lets the callee prepend `self` without copying.
+constexpr std::size_t call_slots = 8;
+constexpr std::size_t call_kw_slots = 24;
+
+}  // namespace
+
 void raise(PyObject* type, const char* message) {
   PyErr_SetString(type, message);
   throw PyErrorSet{};
@@ -19,9 +28,41 @@ void raise_format(PyObject* type, const char* format, ...) {
   throw PyErrorSet{};
 }
 
+namespace {
+
+// A new tuple or list filled with the items: the only place that fills a
+// container's slots directly.
+template <class Items>
+Ref tuple_from(const Items& items) {
+  Ref tuple = check(PyTuple_New(static_cast<Py_ssize_t>(std::size(items))));
+  Py_ssize_t i = 0;
+  for (const Ref& item : items) {
+    if (!item) raise(PyExc_SystemError, "plan_record: empty reference in a tuple");
+    PyTuple_SET_ITEM(tuple.get(), i++, Py_NewRef(item.get()));
+  }
+  return tuple;
+}
+
+template <class Items>
+Ref list_from(const Items& items) {
+  Ref list = check(PyList_New(static_cast<Py_ssize_t>(std::size(items))));
+  Py_ssize_t i = 0;
+  for (const Ref& item : items) {
+    if (!item) raise(PyExc_SystemError, "plan_record: empty reference in a list");
+    PyList_SET_ITEM(list.get(), i++, Py_NewRef(item.get()));
+  }
+  return list;
+}
+
+}  // namespace
+
+Ref tuple_of(std::initializer_list<Ref> items) { return tuple_from(items); }
+Ref tuple_of(std::span<const Ref> items) { return tuple_from(items); }
+Ref list_of(std::initializer_list<Ref> items) { return list_from(items); }
+Ref list_of(std::span<const Ref> items) { return list_from(items); }
+
 Ref call(PyObject* callable, std::initializer_list<PyObject*> args) {
-  // One slot in front lets the callee prepend `self` without copying.
-  PyObject* slots[8];
+  PyObject* slots[call_slots];
   const std::size_t n = args.size();
   if (n + 1 > std::size(slots)) raise(PyExc_SystemError, "plan_record: too many call arguments");
   std::size_t i = 1;
@@ -31,7 +72,7 @@ Ref call(PyObject* callable, std::initializer_list<PyObject*> args) {
 
 Ref call_kw(PyObject* callable, std::initializer_list<PyObject*> positional,
             std::initializer_list<PyObject*> keywords, PyObject* kwnames) {
-  PyObject* slots[24];
+  PyObject* slots[call_kw_slots];
   const std::size_t n = positional.size() + keywords.size();
   if (n + 1 > std::size(slots)) raise(PyExc_SystemError, "plan_record: too many call arguments");
   std::size_t i = 1;
@@ -42,7 +83,7 @@ Ref call_kw(PyObject* callable, std::initializer_list<PyObject*> positional,
 }
 
 Ref call_method(PyObject* self, PyObject* name, std::initializer_list<PyObject*> args) {
-  PyObject* slots[8];
+  PyObject* slots[call_slots];
   const std::size_t n = args.size() + 1;
   if (n > std::size(slots)) raise(PyExc_SystemError, "plan_record: too many call arguments");
   slots[0] = self;

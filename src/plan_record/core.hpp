@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <initializer_list>
 #include <new>
+#include <span>
 #include <utility>
 
 namespace plan_record {
@@ -36,12 +37,8 @@ class Ref {
     return *this;
   }
 
-  // A new reference returned by the C API: throws when it is NULL.
-  static Ref steal(PyObject* p) {
-    if (p == nullptr) raise();
-    return Ref(p);
-  }
-  // A new reference that may legitimately be NULL without an error.
+  // A new reference that may legitimately be NULL without an error. A new
+  // reference whose NULL means failure is taken with `check` below.
   static Ref steal_maybe(PyObject* p) noexcept { return Ref(p); }
   // A borrowed reference: take our own.
   static Ref borrow(PyObject* p) noexcept { return Ref(Py_XNewRef(p)); }
@@ -56,8 +53,12 @@ class Ref {
   PyObject* p_ = nullptr;
 };
 
-// Check results of C API calls.
-inline Ref check(PyObject* p) { return Ref::steal(p); }
+// Check results of C API calls. `check(p)` takes the new reference `p`
+// returned by the C API, and throws when it is NULL (the error is set).
+inline Ref check(PyObject* p) {
+  if (p == nullptr) raise();
+  return Ref::steal_maybe(p);
+}
 inline int check(int status) {
   if (status < 0) raise();
   return status;
@@ -96,6 +97,12 @@ inline Ref interned(const char* utf8) { return check(PyUnicode_InternFromString(
 inline Ref integer(long value) { return check(PyLong_FromLong(value)); }
 inline Ref boolean(bool value) { return Ref::borrow(value ? Py_True : Py_False); }
 inline Ref none() { return Ref::borrow(Py_None); }
+
+// `(a, b, ...)` and `[a, b, ...]` of the given items, each held by the result.
+Ref tuple_of(std::initializer_list<Ref> items);
+Ref tuple_of(std::span<const Ref> items);
+Ref list_of(std::initializer_list<Ref> items);
+Ref list_of(std::span<const Ref> items);
 
 // Calls with positional arguments only.
 Ref call(PyObject* callable, std::initializer_list<PyObject*> args);

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <vector>
 
 #include "state.hpp"
 
@@ -11,8 +12,10 @@ PyObject* Call::module() const noexcept { return fn_->module; }
 
 ModuleState& Call::state() const noexcept { return state_of(fn_->module); }
 
-Ref Call::global(PyObject* name) const {
-  PyObject* globals = PyModule_GetDict(fn_->module);  // borrowed, never NULL
+Ref Call::global(PyObject* name) const { return module_global(fn_->module, name); }
+
+Ref module_global(PyObject* module, PyObject* name) {
+  PyObject* globals = PyModule_GetDict(module);  // borrowed, never NULL
   PyObject* found = PyDict_GetItemWithError(globals, name);
   if (found) return Ref::borrow(found);
   if (PyErr_Occurred()) raise();
@@ -35,6 +38,14 @@ Function* as_native(const ModuleState& state, PyObject* o, const FunctionSpec& s
 namespace {
 
 Function* as_function(PyObject* o) noexcept { return reinterpret_cast<Function*>(o); }
+
+// `mapping[key]` of a dict, or an empty Ref when absent. The lookup may run a
+// key's `__eq__`: the caller holds the dict.
+Ref find(PyObject* dict, PyObject* key) {
+  PyObject* found = PyDict_GetItemWithError(dict, key);
+  if (!found && PyErr_Occurred()) raise();
+  return Ref::borrow(found);
+}
 
 std::size_t positional_count(const FunctionSpec& spec) noexcept {
   return spec.params.size() - spec.kwonly;
@@ -68,13 +79,13 @@ std::size_t positional_count(const FunctionSpec& spec) noexcept {
                kind, n == 1 ? "" : "s", joined.get());
 }
 
-[[noreturn]] void too_many_positional(Function* fn, Py_ssize_t given, PyObject* const* slots) {
+[[noreturn]] void too_many_positional(Function* fn, Py_ssize_t defcount, Py_ssize_t given,
+                                      PyObject* const* slots) {
   const std::size_t npos = positional_count(*fn->spec);
   Py_ssize_t kwonly_given = 0;
   for (std::size_t i = npos; i < fn->spec->params.size(); ++i) {
     if (slots[i]) ++kwonly_given;
   }
-  const Py_ssize_t defcount = fn->defaults ? PyTuple_GET_SIZE(fn->defaults) : 0;
   Ref sig;
   bool plural;
   if (defcount) {
@@ -108,6 +119,12 @@ PyObject* function_vectorcall(PyObject* callable, PyObject* const* args, std::si
     const std::size_t total = spec.params.size();
     const std::size_t npos = positional_count(spec);
     const auto nargs = static_cast<std::size_t>(PyVectorcall_NARGS(nargsf));
+    // Comparing a keyword of a str subclass, or looking a name up in the
+    // keyword defaults, can run Python code that replaces either default:
+    // the call binds against the ones it started with.
+    const Ref defaults = Ref::borrow(fn->defaults);
+    const Ref kwdefaults = Ref::borrow(fn->kwdefaults);
+    const Py_ssize_t defcount = defaults ? PyTuple_GET_SIZE(defaults.get()) : 0;
 
     Ref slots[max_params];
     PyObject* raw[max_params] = {};
@@ -125,6 +142,8 @@ PyObject* function_vectorcall(PyObject* callable, PyObject* const* args, std::si
         if (!PyUnicode_Check(keyword)) {
           raise_format(PyExc_TypeError, "%U() keywords must be strings", fn->qualname);
         }
+        // `keyword is name` for each parameter name first, then `keyword == name`,
+        // as CPython matches keywords.
         std::size_t j = 0;
         while (j < total && PyTuple_GET_ITEM(fn->varnames, j) != keyword) ++j;
         if (j == total) {
@@ -146,30 +165,27 @@ PyObject* function_vectorcall(PyObject* callable, PyObject* const* args, std::si
       }
     }
 
-    if (nargs > npos) too_many_positional(fn, static_cast<Py_ssize_t>(nargs), raw);
+    if (nargs > npos) too_many_positional(fn, defcount, static_cast<Py_ssize_t>(nargs), raw);
 
     if (nargs < npos) {
-      const Py_ssize_t defcount = fn->defaults ? PyTuple_GET_SIZE(fn->defaults) : 0;
       const Py_ssize_t first_default = static_cast<Py_ssize_t>(npos) - defcount;
       for (Py_ssize_t i = static_cast<Py_ssize_t>(nargs); i < first_default; ++i) {
         if (!raw[i]) missing_arguments(fn, "positional", raw, nargs, static_cast<std::size_t>(first_default));
       }
       for (Py_ssize_t i = std::max(static_cast<Py_ssize_t>(nargs), first_default);
            i < static_cast<Py_ssize_t>(npos); ++i) {
-        if (!raw[i]) bind(static_cast<std::size_t>(i), Ref::borrow(PyTuple_GET_ITEM(fn->defaults, i - first_default)));
+        if (!raw[i]) bind(static_cast<std::size_t>(i), Ref::borrow(PyTuple_GET_ITEM(defaults.get(), i - first_default)));
       }
     }
 
     bool missing_kwonly = false;
     for (std::size_t i = npos; i < total; ++i) {
       if (raw[i]) continue;
-      if (fn->kwdefaults) {
-        PyObject* value = PyDict_GetItemWithError(fn->kwdefaults, PyTuple_GET_ITEM(fn->varnames, i));
-        if (value) {
-          bind(i, Ref::borrow(value));
+      if (kwdefaults) {
+        if (Ref value = find(kwdefaults.get(), PyTuple_GET_ITEM(fn->varnames, i))) {
+          bind(i, std::move(value));
           continue;
         }
-        if (PyErr_Occurred()) raise();
       }
       missing_kwonly = true;
     }
@@ -296,6 +312,13 @@ PyObject* get_globals(PyObject* self, void*) noexcept {
 PyObject* get_signature(PyObject* self, void*) noexcept {
   Function* fn = as_function(self);
   return boundary([&]() -> Ref {
+    // Looking a name up in the annotations or the keyword defaults can run a
+    // key's `__eq__`, which may replace any of the three: the signature is
+    // made from the ones read here, as `inspect` reads a function's once.
+    const Ref defaults = Ref::borrow(fn->defaults);
+    const Ref kwdefaults = Ref::borrow(fn->kwdefaults);
+    const Ref annotations = Ref::borrow(fn->annotations);
+
     Ref inspect = check(PyImport_ImportModule("inspect"));
     Ref parameter = check(PyObject_GetAttrString(inspect.get(), "Parameter"));
     Ref signature = check(PyObject_GetAttrString(inspect.get(), "Signature"));
@@ -306,27 +329,23 @@ PyObject* get_signature(PyObject* self, void*) noexcept {
 
     const std::size_t total = fn->spec->params.size();
     const std::size_t npos = positional_count(*fn->spec);
-    const Py_ssize_t defcount = fn->defaults ? PyTuple_GET_SIZE(fn->defaults) : 0;
+    const Py_ssize_t defcount = defaults ? PyTuple_GET_SIZE(defaults.get()) : 0;
     auto annotation_of = [&](PyObject* name) -> Ref {
-      if (!fn->annotations) return empty;
-      PyObject* found = PyDict_GetItemWithError(fn->annotations, name);
-      if (found) return Ref::borrow(found);
-      if (PyErr_Occurred()) raise();
-      return empty;
+      Ref found = annotations ? find(annotations.get(), name) : Ref();
+      return found ? found : empty;
     };
 
     Ref params = new_list();
     for (std::size_t i = 0; i < total; ++i) {
       PyObject* name = PyTuple_GET_ITEM(fn->varnames, i);
-      Ref fallback = empty;
+      Ref fallback;
       if (i < npos) {
         const Py_ssize_t at = static_cast<Py_ssize_t>(i) - (static_cast<Py_ssize_t>(npos) - defcount);
-        if (at >= 0) fallback = Ref::borrow(PyTuple_GET_ITEM(fn->defaults, at));
-      } else if (fn->kwdefaults) {
-        PyObject* found = PyDict_GetItemWithError(fn->kwdefaults, name);
-        if (found) fallback = Ref::borrow(found);
-        else if (PyErr_Occurred()) raise();
+        if (at >= 0) fallback = Ref::borrow(PyTuple_GET_ITEM(defaults.get(), at));
+      } else if (kwdefaults) {
+        fallback = find(kwdefaults.get(), name);
       }
+      if (!fallback) fallback = empty;
       Ref annotation = annotation_of(name);
       Ref param = call_kw(parameter.get(), {name, i < npos ? positional.get() : keyword_only.get()},
                           {fallback.get(), annotation.get()}, kwnames.get());
@@ -420,7 +439,7 @@ Ref make_function(PyObject* module, const FunctionSpec& spec) {
   if (!fn->module_name) raise();
   fn->doc = text(spec.doc).release();
 
-  Ref varnames = check(PyTuple_New(static_cast<Py_ssize_t>(spec.params.size())));
+  std::vector<Ref> varnames;
   Ref annotations = new_dict();
   Ref kwdefaults;
   for (std::size_t i = 0; i < spec.params.size(); ++i) {
@@ -434,11 +453,12 @@ Ref make_function(PyObject* module, const FunctionSpec& spec) {
       if (!kwdefaults) kwdefaults = new_dict();
       check(PyDict_SetItem(kwdefaults.get(), name.get(), Py_False));
     }
-    PyTuple_SET_ITEM(varnames.get(), static_cast<Py_ssize_t>(i), name.release());
+    varnames.push_back(std::move(name));
   }
+  Ref return_key = interned("return");
   Ref returns = text(spec.returns);
-  check(PyDict_SetItemString(annotations.get(), "return", returns.get()));
-  fn->varnames = varnames.release();
+  check(PyDict_SetItem(annotations.get(), return_key.get(), returns.get()));
+  fn->varnames = tuple_of(varnames).release();
   fn->annotations = annotations.release();
   fn->kwdefaults = kwdefaults.release();
   return self;

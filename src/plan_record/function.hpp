@@ -39,13 +39,19 @@ struct ParamSpec {
   bool default_false = false;
 };
 
-struct FunctionSpec {
+// What a function shows of itself. The texts are generated from the
+// pure-Python twin's source at build time (texts.hpp).
+struct FunctionText {
   const char* name;
   const char* qualname;
   const char* doc;
   std::span<const ParamSpec> params;  // positional-or-keyword, then keyword-only
   std::size_t kwonly;                 // number of trailing keyword-only parameters
   const char* returns;
+};
+
+// A native function: its texts and its body.
+struct FunctionSpec : FunctionText {
   Impl impl;
 };
 
@@ -67,6 +73,11 @@ struct Function {
   PyObject* dict;
   PyObject* weakrefs;
 };
+
+// A name of `module`'s namespace, looked up now as a function of the module
+// looks up a global: the namespace, then the builtins; NameError as Python
+// raises it when neither holds the name.
+Ref module_global(PyObject* module, PyObject* name);
 
 // The function type, made once per module object.
 Ref make_function_type(PyObject* module);

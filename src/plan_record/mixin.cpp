@@ -1,23 +1,15 @@
 // Store side of the plan of record: the class `PlanRecordMixin`, made the way
 // a class statement makes it, from the bases the host gives.
-#include <array>
 #include <string>
+#include <vector>
 
 #include "records.hpp"
+#include "texts.hpp"
 #include "units.hpp"
 
 namespace plan_record {
 
 namespace {
-
-constexpr const char* mixin_doc = "The store side of the plan of record, mixed into ``WikiGenerator``.";
-
-// The declared instance attributes the host object must provide.
-constexpr const char* mixin_declarations[][2] = {
-    {"branch", "str"},
-    {"pages_dir", "Path"},
-    {"_existing", "dict[str, dict[str, Any]]"},
-};
 
 // -- skeleton rows -----------------------------------------------------------
 
@@ -143,13 +135,14 @@ Ref mark_synthesis_stale(const Call& call) {
   Ref mark_text = plan_record::call(dumps.get(), {stale_mark.get()});
   Ref branch = getattr(self, n.branch);
 
-  Ref params = check(PyTuple_New(count + 2));
-  PyTuple_SET_ITEM(params.get(), 0, mark_text.release());
-  PyTuple_SET_ITEM(params.get(), 1, branch.release());
-  for (Py_ssize_t i = 0; i < count; ++i) {
-    PyTuple_SET_ITEM(params.get(), i + 2, Py_NewRef(PyList_GET_ITEM(ids.get(), i)));
+  // (mark_text, branch, *ids): the ids as the list holds them now, since the
+  // code run above may have reached the list and changed it.
+  std::vector<Ref> params{std::move(mark_text), std::move(branch)};
+  for (Py_ssize_t i = 0; i < PyList_GET_SIZE(ids.get()); ++i) {
+    params.push_back(Ref::borrow(PyList_GET_ITEM(ids.get(), i)));
   }
-  plan_record::call(execute.get(), {sql.get(), params.get()});
+  Ref bound = tuple_of(params);
+  plan_record::call(execute.get(), {sql.get(), bound.get()});
   return none();
 }
 
@@ -253,122 +246,62 @@ Ref page_changes(const Call& call) {
   return report;
 }
 
-constexpr std::array<ParamSpec, 2> persist_params{{{"self", nullptr}, {"plans", "list[PagePlan]"}}};
-constexpr std::array<ParamSpec, 4> select_params{{
-    {"self", nullptr},
-    {"plans", "list[PagePlan]"},
-    {"existing", "dict[str, dict[str, Any]]"},
-    {"force", "bool"},
-}};
-constexpr std::array<ParamSpec, 2> mark_params{{{"self", nullptr}, {"page_ids", "Iterable[str]"}}};
-constexpr std::array<ParamSpec, 3> cache_params{{
-    {"self", nullptr},
-    {"body", "str"},
-    {"citations", "list[dict[str, Any]]"},
-}};
-constexpr std::array<ParamSpec, 3> changes_params{{
-    {"self", nullptr},
-    {"plan", "PagePlan"},
-    {"row", "dict[str, Any] | None"},
-}};
-
 const FunctionSpec method_specs[] = {
-    {"_persist_plan_skeleton", "PlanRecordMixin._persist_plan_skeleton",
-     "Write the first plan as skeleton rows, one transaction, and count them.\n"
-     "\n"
-     "        Every pinned-level page with files, or family parent with children,\n"
-     "        that the store does not hold gets a row with the stale mark for hashes,\n"
-     "        so later derivations pin against it. Steering pages get none.\n"
-     "        ",
-     persist_params, 0, "int", persist_plan_skeleton},
-    {"_select_stale", "PlanRecordMixin._select_stale",
-     "The ids of the planned pages whose source files or steering changed.\n"
-     "\n"
-     "        Every planned page on a forced build or an empty store; otherwise the\n"
-     "        pages without a row and those whose current hashes differ from the\n"
-     "        stored ones. Each page is judged by its own row alone.\n"
-     "        ",
-     select_params, 0, "set[str]", select_stale},
-    {"_mark_synthesis_stale", "PlanRecordMixin._mark_synthesis_stale",
-     "Write the stale mark into the rows of these pages of this branch.", mark_params, 0, "None",
-     mark_synthesis_stale},
-    {"_section_cache", "PlanRecordMixin._section_cache",
-     "The build cache of a saved body: its section map and cited files' hashes.", cache_params, 0,
-     "dict[str, Any]", section_cache},
-    {"_page_changes", "PlanRecordMixin._page_changes",
-     "Files changed since a written page was saved, and its stale sections.\n"
-     "\n"
-     "        Empty for a page never written. Recorded hashes merge the row's source\n"
-     "        hashes with the build cache's file hashes (the cache wins); the steering\n"
-     "        digest and the stale mark are never compared as files.\n"
-     "        ",
-     changes_params, 0, "dict[str, Any]", page_changes},
+    {texts::mixin_persist_plan_skeleton, persist_plan_skeleton},
+    {texts::mixin_select_stale, select_stale},
+    {texts::mixin_mark_synthesis_stale, mark_synthesis_stale},
+    {texts::mixin_section_cache, section_cache},
+    {texts::mixin_page_changes, page_changes},
 };
 
-// The most derived metaclass of the bases, as a class statement finds it.
-Ref metaclass_of(PyObject* bases) {
-  const Py_ssize_t n = PyTuple_GET_SIZE(bases);
-  Ref winner = Ref::borrow(n ? reinterpret_cast<PyObject*>(Py_TYPE(PyTuple_GET_ITEM(bases, 0)))
-                             : reinterpret_cast<PyObject*>(&PyType_Type));
-  if (!PyType_Check(winner.get())) return winner;
-  for (Py_ssize_t i = 0; i < n; ++i) {
-    auto* base_meta = Py_TYPE(PyTuple_GET_ITEM(bases, i));
-    auto* current = reinterpret_cast<PyTypeObject*>(winner.get());
-    if (PyType_IsSubtype(current, base_meta)) continue;
-    if (PyType_IsSubtype(base_meta, current)) {
-      winner = Ref::borrow(reinterpret_cast<PyObject*>(base_meta));
-      continue;
-    }
-    raise(PyExc_TypeError,
-          "metaclass conflict: the metaclass of a derived class must be a (non-strict) subclass of "
-          "the metaclasses of all its bases");
-  }
-  return winner;
-}
-
-}  // namespace
-
-Ref make_mixin_class(PyObject* module) {
-  PyObject* globals = PyModule_GetDict(module);
+// The class body, statement by statement, run in the namespace that the
+// metaclass's `__prepare__` made.
+void run_mixin_body(PyObject* module, PyObject* ns) {
   const Names& n = state_of(module).names;
-  auto base = [&](const char* name) -> Ref {
-    PyObject* found = PyDict_GetItemString(globals, name);
-    if (!found) raise_format(PyExc_NameError, "name '%s' is not defined", name);
-    return Ref::borrow(found);
-  };
-  Ref retirement = base("PageRetirementMixin");
-  Ref steering = base("SteeringMixin");
-  Ref bases = check(PyTuple_Pack(2, retirement.get(), steering.get()));
-  Ref name = interned("PlanRecordMixin");
-
-  Ref meta = metaclass_of(bases.get());
-  Ref prepare = getattr(meta.get(), n.prepare);
-  Ref ns = call(prepare.get(), {name.get(), bases.get()});
-
-  // The class body, statement by statement.
   Ref module_name = check(PyModule_GetNameObject(module));
-  setitem(ns.get(), n.dunder_module, module_name.get());
-  setitem(ns.get(), n.dunder_qualname, name.get());
-  if (!contains(ns.get(), n.dunder_annotations)) {
+  setitem(ns, n.dunder_module, module_name.get());
+  Ref qualname = interned("PlanRecordMixin");
+  setitem(ns, n.dunder_qualname, qualname.get());
+  if (!contains(ns, n.dunder_annotations)) {
     Ref annotations = new_dict();
-    setitem(ns.get(), n.dunder_annotations, annotations.get());
+    setitem(ns, n.dunder_annotations, annotations.get());
   }
-  Ref doc = text(mixin_doc);
-  setitem(ns.get(), n.dunder_doc, doc.get());
-  for (const auto& [attribute, declared] : mixin_declarations) {
+  Ref doc = text(texts::mixin_doc);
+  setitem(ns, n.dunder_doc, doc.get());
+  for (const auto& [attribute, declared] : texts::mixin_declarations) {
     Ref key = interned(attribute);
     Ref value = text(declared);
-    Ref target = getitem(ns.get(), n.dunder_annotations);
+    Ref target = getitem(ns, n.dunder_annotations);
     setitem(target.get(), key.get(), value.get());
   }
-
   for (const FunctionSpec& spec : method_specs) {
     Ref method = make_function(module, spec);
     Ref method_name = interned(spec.name);
-    setitem(ns.get(), method_name.get(), method.get());
+    setitem(ns, method_name.get(), method.get());
   }
+}
 
-  return call(meta.get(), {name.get(), bases.get(), ns.get()});
+PyObject* mixin_body(PyObject* module, PyObject* ns) noexcept {
+  return boundary([&] {
+    run_mixin_body(module, ns);
+    return none();
+  });
+}
+
+PyMethodDef mixin_body_def = {"PlanRecordMixin", mixin_body, METH_O, nullptr};
+
+}  // namespace
+
+// `types.new_class("PlanRecordMixin", bases, None, body)`: the interpreter's
+// own class creation picks the metaclass, calls its `__prepare__`, runs the
+// body and makes the class.
+Ref make_mixin_class(PyObject* module, PyObject* bases) {
+  const Names& n = state_of(module).names;
+  Ref types = check(PyImport_Import(n.types));
+  Ref new_class = getattr(types.get(), n.new_class);
+  Ref name = interned("PlanRecordMixin");
+  Ref body = check(PyCFunction_New(&mixin_body_def, module));
+  return call(new_class.get(), {name.get(), bases, Py_None, body.get()});
 }
 
 }  // namespace plan_record

@@ -1,88 +1,55 @@
 // Module frame: the module definition, its state, and the module body that
 // initialisation runs once per module object.
-#include <array>
+#include <vector>
 
 #include "records.hpp"
+#include "texts.hpp"
 #include "units.hpp"
 
 namespace plan_record {
 
 namespace {
 
-constexpr const char* module_doc =
-    "Plan of record: reconcile fresh structural plans against the stored pages.\n"
-    "\n"
-    "Stored code-unit pages keep their page ids across builds; new source paths\n"
-    "that no kept page covers become \"add\" amendments (new pages, or files absorbed\n"
-    "by a kept page, or the catch-all page); pages whose source files all vanished\n"
-    "become \"retire\" amendments.  A changed decomposition of a family is the one\n"
-    "exception: the fresh split wins and the superseded children retire, their\n"
-    "prose carried into the fresh family.  A replan maps old pages to new ids by\n"
-    "source-file overlap and carries their prose.  Every structural change is\n"
-    "returned as an amendment record.\n";
-
-struct ImportRow {
-  const char* module;
-  std::array<const char*, 4> names;  // empty: bind the module itself
-};
-
-// The module's imports, in order.
-constexpr ImportRow imports[] = {
-    {"__future__", {"annotations"}},
-    {"json", {}},
-    {"logging", {}},
-    {"re", {}},
-    {"collections.abc", {"Iterable", "Sequence"}},
-    {"datetime", {"datetime"}},
-    {"pathlib", {"Path"}},
-    {"typing", {"Any"}},
-    {"malde_ostrel.workers.wiki.page_retirement", {"PageRetirementMixin"}},
-    {"malde_ostrel.workers.wiki.page_sources", {"unit_topic"}},
-    {"malde_ostrel.workers.wiki.page_title", {"keep_agent_titles"}},
-    {"malde_ostrel.workers.wiki.replan_carry", {"ReplanRemap", "amend", "carry_superseded", "inherit_prose"}},
-    {"malde_ostrel.workers.wiki.repo_facts", {"_norm", "_text_hash"}},
-    {"malde_ostrel.workers.wiki.sections", {"changed_files", "stale_sections"}},
-    {"malde_ostrel.workers.wiki.steering", {"STEERING_SENTINEL", "SteeringMixin"}},
-    {"malde_ostrel.workers.wiki.types", {"PagePlan", "citation_key", "link_families", "section_of"}},
-    {"malde_ostrel.workers.wiki.verify", {"prose_citations"}},
-    {"malde_ostrel.workers.wiki_types", {"NOTE_LEVEL", "OTHER_CODE_TYPE", "PINNED_LEVELS"}},
-};
+// The module's imports, in order, run as the import statements they are, so
+// that the import machinery binds the names and words any failure.
+constexpr const char* imports =
+    "from __future__ import annotations\n"
+    "import json\n"
+    "import logging\n"
+    "import re\n"
+    "from collections.abc import Iterable, Sequence\n"
+    "from datetime import datetime\n"
+    "from pathlib import Path\n"
+    "from typing import Any\n"
+    "from malde_ostrel.workers.wiki.page_retirement import PageRetirementMixin\n"
+    "from malde_ostrel.workers.wiki.page_sources import unit_topic\n"
+    "from malde_ostrel.workers.wiki.page_title import keep_agent_titles\n"
+    "from malde_ostrel.workers.wiki.replan_carry import ReplanRemap, amend, carry_superseded, inherit_prose\n"
+    "from malde_ostrel.workers.wiki.repo_facts import _norm, _text_hash\n"
+    "from malde_ostrel.workers.wiki.sections import changed_files, stale_sections\n"
+    "from malde_ostrel.workers.wiki.steering import STEERING_SENTINEL, SteeringMixin\n"
+    "from malde_ostrel.workers.wiki.types import PagePlan, citation_key, link_families, section_of\n"
+    "from malde_ostrel.workers.wiki.verify import prose_citations\n"
+    "from malde_ostrel.workers.wiki_types import NOTE_LEVEL, OTHER_CODE_TYPE, PINNED_LEVELS\n";
 
 class ModuleBody {
  public:
   explicit ModuleBody(PyObject* module)
       : module_(module), globals_(PyModule_GetDict(module)), state_(state_of(module)) {}
 
-  void bind(const char* name, PyObject* value) { check(PyDict_SetItemString(globals_, name, value)); }
-
-  Ref lookup(const char* name) {
-    PyObject* found = PyDict_GetItemString(globals_, name);
-    if (!found) raise_format(PyExc_NameError, "name '%s' is not defined", name);
-    return Ref::borrow(found);
+  void bind(const char* name, PyObject* value) {
+    Ref key = interned(name);
+    dict_set(globals_, key.get(), value);
   }
 
-  // `import a.b` binds `a`; `from a.b import x, y` binds `x` and `y`.
-  void run_import(const ImportRow& row) {
-    Ref name = text(row.module);
-    Ref fromlist;
-    if (row.names[0]) {
-      fromlist = new_list();
-      for (const char* n : row.names) {
-        if (!n) break;
-        Ref item = interned(n);
-        append(fromlist.get(), item.get());
-      }
-    }
-    Ref mod = check(PyImport_ImportModuleLevelObject(name.get(), globals_, globals_, fromlist.get(), 0));
-    if (!row.names[0]) {
-      bind(row.module, mod.get());
-      return;
-    }
-    for (const char* n : row.names) {
-      if (!n) break;
-      Ref value = import_from(mod.get(), row.module, n);
-      bind(n, value.get());
-    }
+  Ref lookup(const char* name) {
+    Ref key = interned(name);
+    return module_global(module_, key.get());
+  }
+
+  void run_imports() {
+    Ref code = check(Py_CompileString(imports, "<plan_record>", Py_file_input));
+    check(PyEval_EvalCode(code.get(), globals_, globals_));
   }
 
   Ref compile(const char* pattern) {
@@ -97,7 +64,7 @@ class ModuleBody {
   }
 
   void run() {
-    for (const ImportRow& row : imports) run_import(row);
+    run_imports();
 
     Ref logging = lookup("logging");
     Ref own_name = check(PyModule_GetNameObject(module_));
@@ -125,7 +92,8 @@ class ModuleBody {
     define(append_plan_log_spec);
     define(drift_signal_spec);
 
-    Ref mixin = make_mixin_class(module_);
+    Ref bases = tuple_of({lookup("PageRetirementMixin"), lookup("SteeringMixin")});
+    Ref mixin = make_mixin_class(module_, bases.get());
     bind("PlanRecordMixin", mixin.get());
 
     Ref stale_sentinel = text("__stale__");
@@ -139,39 +107,15 @@ class ModuleBody {
   }
 
  private:
-  // One name of a `from module import name`: the attribute, or a submodule
-  // of that name, else ImportError as the import statement words it.
-  Ref import_from(PyObject* mod, const char* module_name, const char* name) {
-    Ref attr = Ref::steal_maybe(PyObject_GetAttrString(mod, name));
-    if (attr) return attr;
-    if (!PyErr_ExceptionMatches(PyExc_AttributeError)) raise();
-    PyErr_Clear();
-    Ref full = check(PyUnicode_FromFormat("%s.%s", module_name, name));
-    PyObject* submodule = PyDict_GetItemWithError(PyImport_GetModuleDict(), full.get());
-    if (submodule) return Ref::borrow(submodule);
-    if (PyErr_Occurred()) raise();
-    Ref file = Ref::steal_maybe(PyModule_GetFilenameObject(mod));
-    if (!file) {
-      PyErr_Clear();
-      file = text("unknown location");
-    }
-    Ref message = check(PyUnicode_FromFormat("cannot import name '%s' from '%s' (%U)", name, module_name,
-                                             file.get()));
-    Ref module_text = text(module_name);
-    PyErr_SetImportError(message.get(), module_text.get(), file.get());
-    raise();
-  }
-
   PyObject* module_;
   PyObject* globals_;
   ModuleState& state_;
 };
 
 Ref interned_tuple(std::initializer_list<const char*> names) {
-  Ref tuple = check(PyTuple_New(static_cast<Py_ssize_t>(names.size())));
-  Py_ssize_t i = 0;
-  for (const char* name : names) PyTuple_SET_ITEM(tuple.get(), i++, interned(name).release());
-  return tuple;
+  std::vector<Ref> items;
+  for (const char* name : names) items.push_back(interned(name));
+  return tuple_of(items);
 }
 
 void init_state(PyObject* module) {
@@ -241,7 +185,7 @@ PyModuleDef_Slot module_slots[] = {
 PyModuleDef module_def = {
     PyModuleDef_HEAD_INIT,
     "plan_record",
-    module_doc,
+    texts::module_doc,
     sizeof(ModuleState),
     nullptr,
     module_slots,

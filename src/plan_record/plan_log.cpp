@@ -1,8 +1,10 @@
 // Plan audit log and drift: the per-branch audit trail of each run's
 // amendments, and the warning when the pinned structure churns.
-#include <array>
+#include <cstring>
+#include <vector>
 
 #include "records.hpp"
+#include "texts.hpp"
 #include "units.hpp"
 
 namespace plan_record {
@@ -11,24 +13,9 @@ namespace {
 
 // A tuple of keyword names for `call_kw`.
 Ref keywords(std::initializer_list<PyObject*> names) {
-  Ref tuple = check(PyTuple_New(static_cast<Py_ssize_t>(names.size())));
-  Py_ssize_t i = 0;
-  for (PyObject* name : names) PyTuple_SET_ITEM(tuple.get(), i++, Py_NewRef(name));
-  return tuple;
-}
-
-// try: body() finally: cleanup()
-template <class Body, class Cleanup>
-void try_finally(Body&& body, Cleanup&& cleanup) {
-  try {
-    body();
-  } catch (const PyErrorSet&) {
-    Ref pending = Ref::steal_maybe(PyErr_GetRaisedException());
-    while_handling(pending.get(), cleanup);
-    PyErr_SetRaisedException(pending.release());
-    throw;
-  }
-  cleanup();
+  std::vector<Ref> items;
+  for (PyObject* name : names) items.push_back(Ref::borrow(name));
+  return tuple_of(items);
 }
 
 // The text after the `k`-th line feed of `text` (0: all of it), or "" when
@@ -56,14 +43,32 @@ Py_ssize_t slice_start(PyObject* start, Py_ssize_t length) {
   return begin;
 }
 
+// How many line feeds an exact text holds.
+Py_ssize_t line_feeds(const Names& n, PyObject* text) {
+  if (PyUnicode_KIND(text) != PyUnicode_1BYTE_KIND) {
+    return check_size(PyUnicode_Count(text, n.line_feed, 0, PY_SSIZE_T_MAX));
+  }
+  const auto* at = static_cast<const char*>(PyUnicode_DATA(text));
+  const char* const end = at + PyUnicode_GET_LENGTH(text);
+  Py_ssize_t count = 0;
+  while ((at = static_cast<const char*>(std::memchr(at, '\n', static_cast<std::size_t>(end - at))))) {
+    ++count;
+    ++at;
+  }
+  return count;
+}
+
 // The log's text after the append: how many lines it holds (counted at line
 // feeds only), and the last lines a trim keeps.
 class LogLines {
  public:
+  // `lines = text.split("\n")`
+  // `count = len(lines) - 1 if lines[-1] == "" else len(lines)`
   LogLines(const Names& n, PyObject* text) : n_(n), text_(Ref::borrow(text)) {
     if (PyUnicode_CheckExact(text)) {
+      // Fast path: an exact text's lines are counted, not made.
       const Py_ssize_t size = PyUnicode_GET_LENGTH(text);
-      const Py_ssize_t feeds = check_size(PyUnicode_Count(text, n.line_feed, 0, PY_SSIZE_T_MAX));
+      const Py_ssize_t feeds = line_feeds(n, text);
       length_ = feeds + 1;
       const bool open_end = size > 0 && PyUnicode_READ_CHAR(text, size - 1) != '\n';
       count_ = check(PyLong_FromSsize_t(open_end ? feeds + 1 : feeds));
@@ -83,6 +88,7 @@ class LogLines {
   // `"\n".join(lines[count - keep:])`
   Ref kept(PyObject* keep) const {
     Ref start = check(PyNumber_Subtract(count_.get(), keep));
+    // Fast path: the tail of an exact text is cut at its line feeds.
     if (!lines_) return after_line_feeds(n_, text_.get(), slice_start(start.get(), length_));
     Ref slice = check(PySlice_New(start.get(), nullptr, nullptr));
     Ref tail = getitem(lines_.get(), slice.get());
@@ -211,45 +217,9 @@ Ref drift_signal(const Call& call, PyObject* amendments, PyObject* plan_size) {
 
 Ref drift_signal_entry(const Call& call) { return drift_signal(call, call.arg(0), call.arg(1)); }
 
-constexpr std::array<ParamSpec, 3> append_plan_log_params{{
-    {"wiki_dir", "Path"},
-    {"amendments", "list[dict[str, Any]]"},
-    {"replan", "bool"},
-}};
-
-constexpr std::array<ParamSpec, 2> drift_signal_params{{
-    {"amendments", "list[dict[str, Any]]"},
-    {"plan_size", "int"},
-}};
-
 }  // namespace
 
-const FunctionSpec append_plan_log_spec{
-    "append_plan_log",
-    "append_plan_log",
-    "Append this run's amendments to the branch's plan audit log.\n"
-    "\n"
-    "    One JSON line per run in ``wiki_dir / _PLAN_LOG_NAME``; past\n"
-    "    ``_PLAN_LOG_MAX_LINES`` lines the log keeps its last\n"
-    "    ``_PLAN_LOG_KEEP_LINES``. Lines are counted at line feeds only, so a record\n"
-    "    is always one line whatever its texts hold. The trim writes the kept lines\n"
-    "    to a temporary file beside the log and renames it over the log, so a\n"
-    "    failed trim leaves the log whole. Operating-system errors become a warning.\n"
-    "    ",
-    append_plan_log_params,
-    1,
-    "None",
-    append_plan_log_entry,
-};
-
-const FunctionSpec drift_signal_spec{
-    "drift_signal",
-    "drift_signal",
-    "Human-readable drift warning when structure churns, else None.",
-    drift_signal_params,
-    0,
-    "str | None",
-    drift_signal_entry,
-};
+const FunctionSpec append_plan_log_spec{texts::append_plan_log, append_plan_log_entry};
+const FunctionSpec drift_signal_spec{texts::drift_signal, drift_signal_entry};
 
 }  // namespace plan_record

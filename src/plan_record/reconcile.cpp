@@ -4,6 +4,7 @@
 #include <unordered_set>
 
 #include "records.hpp"
+#include "texts.hpp"
 #include "units.hpp"
 
 namespace plan_record {
@@ -640,90 +641,11 @@ Ref pin_plan_entry(const Call& call) {
   return PinPlan(call, call.arg(0), call.arg(1), call.arg(2), call.arg(3)).run();
 }
 
-constexpr std::array<ParamSpec, 4> pin_plan_params{{
-    {"fresh_plans", "list[PagePlan]"},
-    {"existing", "dict[str, dict[str, Any]]"},
-    {"live_paths", "set[str]"},
-    {"replan", "bool", true},
-}};
-
-constexpr std::array<ParamSpec, 2> demote_params{{
-    {"fresh_plans", "list[PagePlan]"},
-    {"existing", "dict[str, dict[str, Any]]"},
-}};
-
-constexpr std::array<ParamSpec, 1> by_importance_params{{
-    {"plans", "list[PagePlan]"},
-}};
-
-constexpr const char* pin_plan_doc =
-    "Reconcile fresh structural plans against the stored plan of record.\n"
-    "\n"
-    "    Returns ``(plans, amendments, remap)`` where ``remap`` maps a fresh\n"
-    "    page_id to the old page_id whose prose should seed its reuse cache (on\n"
-    "    replan only), and ``remap.merged`` the further old pages whose prose is\n"
-    "    carried into it: pages a replan merged, and in either mode the superseded\n"
-    "    children of a re-chunked or collapsed decomposed family.\n"
-    "\n"
-    "    Only code-unit pages (``wiki_types.PINNED_LEVELS``) are pinned; every other\n"
-    "    type has a deterministic literal id and passes through, with amendments\n"
-    "    recorded when it appears or disappears. Note pages are never touched here.\n"
-    "    ";
-
-constexpr const char* demote_doc =
-    "Fresh split families that would document files a stored page already pins, unsplit.\n"
-    "\n"
-    "    A family whose parent id the store does not hold loses its parent when one\n"
-    "    of its parts holds a file that a stored code page pins; its parts stay, as\n"
-    "    ordinary fresh pages under the parent's section. The list itself comes back\n"
-    "    when the store pins nothing.\n"
-    "    ";
-
-constexpr std::array<ParamSpec, 2> plan_from_row_params{{
-    {"row", "dict[str, Any]"},
-    {"live_paths", "set[str]"},
-}};
-
 }  // namespace
 
-const FunctionSpec plan_from_row_spec{
-    "_plan_from_row",
-    "_plan_from_row",
-    "Rebuild a PagePlan from a stored wiki page row (pinned identity).",
-    plan_from_row_params,
-    0,
-    "PagePlan",
-    plan_from_row_entry,
-};
-
-const FunctionSpec pin_plan_spec{
-    "pin_plan",
-    "pin_plan",
-    pin_plan_doc,
-    pin_plan_params,
-    1,
-    "tuple[list[PagePlan], list[dict[str, Any]], ReplanRemap]",
-    pin_plan_entry,
-};
-
-const FunctionSpec demote_unrecorded_families_spec{
-    "_demote_unrecorded_families",
-    "_demote_unrecorded_families",
-    demote_doc,
-    demote_params,
-    0,
-    "list[PagePlan]",
-    demote_entry,
-};
-
-const FunctionSpec by_importance_spec{
-    "_by_importance",
-    "_by_importance",
-    "The plans with the code pages last, most important first (build and reading order).",
-    by_importance_params,
-    0,
-    "list[PagePlan]",
-    by_importance_entry,
-};
+const FunctionSpec plan_from_row_spec{texts::plan_from_row, plan_from_row_entry};
+const FunctionSpec pin_plan_spec{texts::pin_plan, pin_plan_entry};
+const FunctionSpec demote_unrecorded_families_spec{texts::demote_unrecorded_families, demote_entry};
+const FunctionSpec by_importance_spec{texts::by_importance, by_importance_entry};
 
 }  // namespace plan_record

@@ -6,6 +6,7 @@
 
 #include "function.hpp"
 #include "state.hpp"
+#include "statements.hpp"
 
 namespace plan_record {
 
@@ -49,65 +50,6 @@ class ModulePattern {
 // optionally followed by a hyphen and decimal digits.
 bool native_catch_all_match(PyObject* subject);
 
-// `a, b = pair`, with the errors Python's unpacking raises.
-std::pair<Ref, Ref> unpack_pair(PyObject* pair);
-
-// `for item in iterable:`; an exact list is walked by index, re-reading its
-// length each step as its own iterator does.
-template <class Body>
-void for_each(PyObject* iterable, Body&& body) {
-  if (PyList_CheckExact(iterable)) {
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(iterable); ++i) {
-      Ref item = Ref::borrow(PyList_GET_ITEM(iterable, i));
-      body(item.get());
-    }
-    return;
-  }
-  Ref it = iterate(iterable);
-  while (Ref item = next(it.get())) body(item.get());
-}
-
-// Walk an exact dict in place; like the dict's own iterator, refuse to go on
-// once its size changed.
-template <class Body>
-void walk_dict(PyObject* dict, Body&& body) {
-  const Py_ssize_t size = PyDict_GET_SIZE(dict);
-  Py_ssize_t pos = 0;
-  PyObject* key;
-  PyObject* value;
-  while (true) {
-    if (PyDict_GET_SIZE(dict) != size) raise(PyExc_RuntimeError, "dictionary changed size during iteration");
-    if (!PyDict_Next(dict, &pos, &key, &value)) break;
-    Ref k = Ref::borrow(key);
-    Ref v = Ref::borrow(value);
-    body(k.get(), v.get());
-  }
-}
-
-// `for key, value in mapping.items():`
-template <class Body>
-void for_each_item(const Names& names, PyObject* mapping, Body&& body) {
-  if (PyDict_CheckExact(mapping)) {
-    walk_dict(mapping, body);
-    return;
-  }
-  Ref items = call_method(mapping, names.items, {});
-  for_each(items.get(), [&](PyObject* pair) {
-    auto [k, v] = unpack_pair(pair);
-    body(k.get(), v.get());
-  });
-}
-
-// `for key in mapping:`
-template <class Body>
-void for_each_key(PyObject* mapping, Body&& body) {
-  if (PyDict_CheckExact(mapping)) {
-    walk_dict(mapping, [&](PyObject* k, PyObject*) { body(k); });
-    return;
-  }
-  for_each(mapping, body);
-}
-
 // Our own sets and dicts (exact types made by this module).
 inline void set_add(PyObject* set, PyObject* item) { check(PySet_Add(set, item)); }
 inline bool set_has(PyObject* set, PyObject* item) { return check(PySet_Contains(set, item)) != 0; }
@@ -128,55 +70,6 @@ inline Ref sorted_list(PyObject* iterable) {
   Ref list = check(PySequence_List(iterable));
   check(PyList_Sort(list.get()));
   return list;
-}
-
-// Runs `action` with `error` as the exception being handled, as the body of
-// an `except` or `finally` clause sees it: `sys.exc_info()` reports it and an
-// exception raised meanwhile takes it as its context.
-template <class Action>
-void while_handling(PyObject* error, Action&& action) {
-  struct Restore {
-    Ref previous = Ref::steal_maybe(PyErr_GetHandledException());
-    ~Restore() { PyErr_SetHandledException(previous.get()); }
-  } restore;
-  PyErr_SetHandledException(error);
-  action();
-}
-
-// The `__enter__`/`__exit__` pair of a context manager, looked up on its type
-// as the with statement looks them up.
-class ContextExit {
- public:
-  // Looks up both methods and calls `__enter__`.
-  ContextExit(const Names& names, PyObject* manager);
-  // What `__enter__` returned (the target of `with ... as`).
-  PyObject* entered() const noexcept { return entered_.get(); }
-  // `__exit__(None, None, None)`.
-  void on_success();
-  // `__exit__(type, value, traceback)` for the error now set: returns when the
-  // manager suppressed it, else throws with the error set again.
-  void on_error();
-
- private:
-  Ref exit_;
-  Ref entered_;
-};
-
-// `with manager as entered: body(entered)`
-template <class Body>
-void with_context(const Names& names, PyObject* manager, Body&& body) {
-  ContextExit context(names, manager);
-  try {
-    body(context.entered());
-  } catch (const PyErrorSet&) {
-    context.on_error();
-    return;
-  } catch (const std::bad_alloc&) {
-    PyErr_NoMemory();
-    context.on_error();
-    return;
-  }
-  context.on_success();
 }
 
 }  // namespace plan_record

@@ -1,12 +1,12 @@
 // Section analysis: a page body cut into its `##` sections outside code
 // fences, and what the stored citations of each section cite.
 #include <algorithm>
-#include <array>
 #include <cstdint>
 #include <cstring>
 #include <vector>
 
 #include "records.hpp"
+#include "texts.hpp"
 #include "units.hpp"
 
 namespace plan_record {
@@ -24,7 +24,8 @@ Chars chars_of(PyObject* text) noexcept {
   return {static_cast<int>(PyUnicode_KIND(text)), PyUnicode_DATA(text)};
 }
 
-// The end of the line that starts at `from`: the next line feed, or `end`.
+// The end of the line that starts at `from`: the next line feed, or `end`;
+// `text.find("\n", start, end)`, through memchr for a one-byte text.
 Py_ssize_t line_end(const Chars& s, Py_ssize_t from, Py_ssize_t end) noexcept {
   if (s.kind == PyUnicode_1BYTE_KIND) {
     const auto* base = static_cast<const Py_UCS1*>(s.data);
@@ -37,7 +38,7 @@ Py_ssize_t line_end(const Chars& s, Py_ssize_t from, Py_ssize_t end) noexcept {
 
 // Whether the line [begin, end) opens or closes a code fence: after its
 // leading white space (as `str.lstrip` strips it) come three backticks or
-// three tildes.
+// three tildes. `line.lstrip().startswith(("```", "~~~"))`
 bool fence_line(const Chars& s, Py_ssize_t begin, Py_ssize_t end) noexcept {
   while (begin < end && Py_UNICODE_ISSPACE(s.at(begin))) ++begin;
   if (end - begin < 3) return false;
@@ -110,6 +111,8 @@ class HeadingTest {
 
  private:
   // The heading text, or an empty Ref when the line is no heading.
+  // Fast path: `m = _SECTION_RE.match(line); m and m.group(1)` for the
+  // original pattern, without the pattern engine.
   static Ref native(PyObject* text, Py_ssize_t begin, Py_ssize_t end) {
     Py_ssize_t text_begin = 0;
     Py_ssize_t text_end = 0;
@@ -129,9 +132,10 @@ class HeadingTest {
   bool original_ = false;
 };
 
-// An exact text body: its sections are runs of whole lines, so each section's
-// text is one slice of the body and no line is ever made into an object
-// unless a replaced pattern has to see it.
+// Fast path: `_sections(body)` of an exact text body. Its sections are runs
+// of whole lines, so each section's text is one slice of the body
+// (`"\n".join(lines)` of those lines) and no line is ever made into an
+// object unless a replaced pattern has to see it.
 Ref sections_of_text(const Call& call, PyObject* body) {
   struct Section {
     Ref heading;
@@ -160,27 +164,29 @@ Ref sections_of_text(const Call& call, PyObject* body) {
     begin = end + 1;
   }
 
-  Ref result = check(PyList_New(static_cast<Py_ssize_t>(sections.size())));
-  for (std::size_t i = 0; i < sections.size(); ++i) {
-    const Section& section = sections[i];
+  std::vector<Ref> pairs;
+  pairs.reserve(sections.size());
+  for (const Section& section : sections) {
     Ref text = section.begin < 0 ? Ref::borrow(n.empty)
                                  : check(PyUnicode_Substring(body, section.begin, section.end));
-    PyList_SET_ITEM(result.get(), static_cast<Py_ssize_t>(i),
-                    check(PyTuple_Pack(2, section.heading.get(), text.get())).release());
+    pairs.push_back(tuple_of({section.heading, std::move(text)}));
   }
-  return result;
+  return list_of(pairs);
 }
 
-// Any other body: whatever its `split("\n")` gives, line by line.
+// Any other body: whatever its `split("\n")` gives, line by line. The
+// sections are held natively, out of reach of the Python code that a line's
+// own methods or a replaced pattern may run.
 Ref sections_of_lines(const Call& call, PyObject* body) {
+  struct Section {
+    Ref heading;
+    Ref lines;  // list of the section's lines
+  };
   const Names& n = call.state().names;
   Ref lines = call_method(body, n.split, {n.line_feed});
-  Ref fences = check(PyTuple_Pack(2, n.fence_backticks, n.fence_tildes));
-  Ref headings = new_list();
-  Ref groups = new_list();
-  Ref current = new_list();
-  append(headings.get(), n.empty);
-  append(groups.get(), current.get());
+  Ref fences = tuple_of({Ref::borrow(n.fence_backticks), Ref::borrow(n.fence_tildes)});
+  std::vector<Section> sections;
+  sections.push_back({Ref::borrow(n.empty), new_list()});
   HeadingTest heading_of(call);
   bool in_fence = false;
 
@@ -195,25 +201,21 @@ Ref sections_of_lines(const Call& call, PyObject* body) {
     }
     if (fence) in_fence = !in_fence;
     if (!in_fence) {
-      if (Ref heading = heading_of.in_line(line)) {
-        current = new_list();
-        append(headings.get(), heading.get());
-        append(groups.get(), current.get());
-      }
+      if (Ref heading = heading_of.in_line(line)) sections.push_back({std::move(heading), new_list()});
     }
-    append(current.get(), line);
+    append(sections.back().lines.get(), line);
   });
 
-  const Py_ssize_t count = PyList_GET_SIZE(headings.get());
-  Ref result = new_list(count);
-  for (Py_ssize_t i = 0; i < count; ++i) {
-    Ref text = check(PyUnicode_Join(n.line_feed, PyList_GET_ITEM(groups.get(), i)));
-    Ref pair = check(PyTuple_Pack(2, PyList_GET_ITEM(headings.get(), i), text.get()));
-    PyList_SET_ITEM(result.get(), i, pair.release());
+  std::vector<Ref> pairs;
+  pairs.reserve(sections.size());
+  for (const Section& section : sections) {
+    Ref text = check(PyUnicode_Join(n.line_feed, section.lines.get()));
+    pairs.push_back(tuple_of({section.heading, std::move(text)}));
   }
-  return result;
+  return list_of(pairs);
 }
 
+// `_sections(body)`
 Ref sections_of(const Call& call, PyObject* body) {
   return PyUnicode_CheckExact(body) ? sections_of_text(call, body) : sections_of_lines(call, body);
 }
@@ -235,12 +237,28 @@ bool same_text(PyObject* a, PyObject* b) noexcept {
          std::memcmp(PyUnicode_DATA(a), PyUnicode_DATA(b), static_cast<std::size_t>(n * kind)) == 0;
 }
 
-// A key of an exact text and two exact integers of machine size.
+// The 64-bit finaliser of MurmurHash3: every input bit reaches every output
+// bit, so keys that differ only in their high bits still spread over the
+// table's low bits.
+constexpr std::uint64_t mix_multiplier_a = 0xFF51AFD7ED558CCDULL;
+constexpr std::uint64_t mix_multiplier_b = 0xC4CEB9FE1A85EC53ULL;
+
+constexpr std::uint64_t mix64(std::uint64_t x) noexcept {
+  x ^= x >> 33;
+  x *= mix_multiplier_a;
+  x ^= x >> 33;
+  x *= mix_multiplier_b;
+  x ^= x >> 33;
+  return x;
+}
+
+// A key of an exact text and two exact integers of machine size. Its hash
+// starts from the text's own hash, which the interpreter seeds per process.
 struct PlainKey {
   PyObject* path;
   long long first;
   long long last;
-  Py_hash_t hash;
+  std::uint64_t hash;
 };
 
 bool machine_integer(PyObject* o, long long* value) {
@@ -264,57 +282,64 @@ bool plain_key(PyObject* path, PyObject* first, PyObject* last, PlainKey* key) {
   key->path = path;
   const Py_hash_t text_hash = PyObject_Hash(path);
   if (text_hash == -1) raise();
-  const auto mixed = static_cast<std::uint64_t>(text_hash) * 0x9E3779B97F4A7C15ULL ^
-                     static_cast<std::uint64_t>(key->first) * 0xC2B2AE3D27D4EB4FULL ^
-                     static_cast<std::uint64_t>(key->last) * 0x165667B19E3779F9ULL;
-  key->hash = static_cast<Py_hash_t>(mixed ^ (mixed >> 29));
+  const std::uint64_t h = mix64(static_cast<std::uint64_t>(text_hash) ^ static_cast<std::uint64_t>(key->first));
+  key->hash = mix64(h ^ static_cast<std::uint64_t>(key->last));
   return true;
 }
 
-// The stored citations by key (path text, first line, last line); of two
-// records with one key the later wins. While every key is an exact text and
-// two integers of machine size, the index is a native table: such keys hash
-// and compare without running Python code, so one native probe stands for the
-// membership test and the subscript. Any other key, stored or looked up, goes
-// through a dict of the same keys in the same order, which hashes and compares
-// them as Python does, twice for a key that is present.
+// The stored citations by key, `stored[(str(path), int(start), int(end))] = c`
+// for each citation, the later of two with one key winning; `find` answers
+// `stored[key] if key in stored`.
+//
+// Fast path: while every key is an exact text and two integers of machine
+// size, the index is an open-addressing table of its own. Such keys hash and
+// compare without running Python code, so one probe stands for the membership
+// test and the subscript, and the answers are the dict's. Any other key,
+// stored or looked up, and any probe run longer than `max_probe_run`, moves
+// the index into a dict of the same keys in the same order, which hashes and
+// compares them as Python does (twice for a key that is present).
 class StoredIndex {
  public:
   void add(Ref path, Ref first, Ref last, PyObject* record) {
     if (!dict_) {
       PlainKey key;
       if (plain_key(path.get(), first.get(), last.get(), &key)) {
-        std::int32_t& slot = slots_[probe(key)];
-        if (slot >= 0) {
-          records_[static_cast<std::size_t>(slot)] = Ref::borrow(record);
+        const std::size_t at = probe(key);
+        if (at != no_slot) {
+          std::int32_t& slot = slots_[at];
+          if (slot >= 0) {
+            records_[static_cast<std::size_t>(slot)] = Ref::borrow(record);
+            return;
+          }
+          slot = static_cast<std::int32_t>(keys_.size());
+          keys_.push_back(key);
+          records_.push_back(Ref::borrow(record));
+          owned_.push_back({std::move(path), std::move(first), std::move(last)});
+          if (keys_.size() * max_load_inverse > slots_.size()) rehash(slots_.size() * 2);
           return;
         }
-        slot = static_cast<std::int32_t>(keys_.size());
-        keys_.push_back(key);
-        records_.push_back(Ref::borrow(record));
-        owned_.push_back({std::move(path), std::move(first), std::move(last)});
-        if (keys_.size() * 2 > slots_.size()) rehash(slots_.size() * 2);
-        return;
       }
       make_dict();
     }
-    Ref key = check(PyTuple_Pack(3, path.get(), first.get(), last.get()));
+    Ref key = tuple_of({std::move(path), std::move(first), std::move(last)});
     dict_set(dict_.get(), key.get(), record);
   }
 
-  // `stored[key] if key in stored`, or an empty Ref.
   Ref find(PyObject* key) {
     if (!dict_) {
       PlainKey plain;
       if (PyTuple_CheckExact(key) && PyTuple_GET_SIZE(key) == 3 &&
           plain_key(PyTuple_GET_ITEM(key, 0), PyTuple_GET_ITEM(key, 1), PyTuple_GET_ITEM(key, 2), &plain)) {
-        const std::int32_t index = slots_[probe(plain)];
-        return index < 0 ? Ref() : records_[static_cast<std::size_t>(index)];
+        const std::size_t at = probe(plain);
+        if (at != no_slot) {
+          const std::int32_t index = slots_[at];
+          return index < 0 ? Ref() : records_[static_cast<std::size_t>(index)];
+        }
       }
       make_dict();
     }
     if (!check(PyDict_Contains(dict_.get(), key))) return Ref();
-    return row_item(dict_.get(), key);
+    return getitem(dict_.get(), key);
   }
 
  private:
@@ -324,10 +349,17 @@ class StoredIndex {
     Ref last;
   };
 
-  // The slot of `key`, or the empty slot where it would go.
+  static constexpr std::size_t initial_slots = 16;     // a power of two
+  static constexpr std::size_t max_load_inverse = 2;   // at most half the slots hold keys
+  static constexpr std::size_t max_probe_run = 64;     // longer runs mean hostile keys
+  static constexpr std::size_t no_slot = SIZE_MAX;
+
+  // The slot of `key`, or the empty slot where it would go; `no_slot` when
+  // the run of slots to search is longer than `max_probe_run`.
   std::size_t probe(const PlainKey& key) const noexcept {
     const std::size_t mask = slots_.size() - 1;
-    for (std::size_t at = static_cast<std::size_t>(key.hash) & mask;; at = (at + 1) & mask) {
+    std::size_t at = static_cast<std::size_t>(key.hash) & mask;
+    for (std::size_t run = 0; run < max_probe_run; ++run, at = (at + 1) & mask) {
       const std::int32_t index = slots_[at];
       if (index < 0) return at;
       const PlainKey& held = keys_[static_cast<std::size_t>(index)];
@@ -336,11 +368,19 @@ class StoredIndex {
         return at;
       }
     }
+    return no_slot;
   }
 
   void rehash(std::size_t size) {
     slots_.assign(size, -1);
-    for (std::size_t i = 0; i < keys_.size(); ++i) slots_[probe(keys_[i])] = static_cast<std::int32_t>(i);
+    for (std::size_t i = 0; i < keys_.size(); ++i) {
+      const std::size_t at = probe(keys_[i]);
+      if (at == no_slot) {
+        make_dict();
+        return;
+      }
+      slots_[at] = static_cast<std::int32_t>(i);
+    }
   }
 
   // The same index as a dict: the keys in their first order, each with its
@@ -348,8 +388,8 @@ class StoredIndex {
   void make_dict() {
     dict_ = new_dict();
     for (std::size_t i = 0; i < owned_.size(); ++i) {
-      const Owned& key_parts = owned_[i];
-      Ref key = check(PyTuple_Pack(3, key_parts.path.get(), key_parts.first.get(), key_parts.last.get()));
+      const Owned& parts = owned_[i];
+      Ref key = tuple_of({parts.path, parts.first, parts.last});
       dict_set(dict_.get(), key.get(), records_[i].get());
     }
   }
@@ -357,56 +397,57 @@ class StoredIndex {
   std::vector<PlainKey> keys_;  // borrowing their texts from `owned_`
   std::vector<Ref> records_;
   std::vector<Owned> owned_;
-  std::vector<std::int32_t> slots_ = std::vector<std::int32_t>(16, -1);
+  std::vector<std::int32_t> slots_ = std::vector<std::int32_t>(initial_slots, -1);
   Ref dict_;  // once made, the one index
 };
 
-StoredIndex index_citations(const Names& n, PyObject* citations, PyObject* zero) {
+StoredIndex index_citations(const Names& n, PyObject* citations) {
   StoredIndex stored;
+  Ref zero = integer(0);
   for_each(citations, [&](PyObject* c) {
     Ref path = row_get(n, c, n.citation_path, n.empty);
     Ref path_text = as_text(path.get());
-    Ref start_value = row_get(n, c, n.line_start, zero);
+    Ref start_value = row_get(n, c, n.line_start, zero.get());
     Ref start = check(PyNumber_Long(start_value.get()));
-    Ref end_value = row_get(n, c, n.line_end, zero);
+    Ref end_value = row_get(n, c, n.line_end, zero.get());
     Ref end = check(PyNumber_Long(end_value.get()));
     stored.add(std::move(path_text), std::move(start), std::move(end), c);
   });
   return stored;
 }
 
-// An exact text read for sorting: its code units and their width.
+// An exact text read for sorting: its code units and their width, and for a
+// one-byte text its first eight code units as one number, most significant
+// first and zero past the end, which orders most pairs in one comparison.
 struct SortKey {
+  std::uint64_t head;
   const void* data;
   Py_ssize_t length;
   int kind;
   PyObject* text;
 };
 
+constexpr Py_ssize_t head_units = 8;
+
 SortKey sort_key(PyObject* text) noexcept {
-  return {PyUnicode_DATA(text), PyUnicode_GET_LENGTH(text), static_cast<int>(PyUnicode_KIND(text)), text};
+  SortKey key{0, PyUnicode_DATA(text), PyUnicode_GET_LENGTH(text), static_cast<int>(PyUnicode_KIND(text)), text};
+  if (key.kind == PyUnicode_1BYTE_KIND) {
+    const auto* units = static_cast<const unsigned char*>(key.data);
+    for (Py_ssize_t i = 0; i < head_units; ++i) key.head = key.head << 8 | (i < key.length ? units[i] : 0U);
+  }
+  return key;
 }
 
-// Code-point order of two exact texts. One-byte texts compare eight code
-// units at a time, most significant first.
+// Code-point order of two exact texts, `a < b`.
 inline bool text_less(const SortKey& a, const SortKey& b) noexcept {
   const Py_ssize_t n = std::min(a.length, b.length);
   if (a.kind == PyUnicode_1BYTE_KIND && b.kind == PyUnicode_1BYTE_KIND) {
-    const auto* x = static_cast<const unsigned char*>(a.data);
-    const auto* y = static_cast<const unsigned char*>(b.data);
-    Py_ssize_t i = 0;
-    for (; i + 8 <= n; i += 8) {
-      std::uint64_t u;
-      std::uint64_t v;
-      std::memcpy(&u, x + i, 8);
-      std::memcpy(&v, y + i, 8);
-      if (u != v) {
-        while (x[i] == y[i]) ++i;
-        return x[i] < y[i];
-      }
-    }
-    for (; i < n; ++i) {
-      if (x[i] != y[i]) return x[i] < y[i];
+    if (a.head != b.head) return a.head < b.head;
+    if (n > head_units) {
+      const int order = std::memcmp(static_cast<const unsigned char*>(a.data) + head_units,
+                                    static_cast<const unsigned char*>(b.data) + head_units,
+                                    static_cast<std::size_t>(n - head_units));
+      if (order != 0) return order < 0;
     }
     return a.length < b.length;
   }
@@ -453,10 +494,10 @@ class DistinctTexts {
         if (distinct && !text_less(order_[distinct - 1], order_[i])) continue;  // equal to the last kept
         order_[distinct++] = order_[i];
       }
-      list = check(PyList_New(static_cast<Py_ssize_t>(distinct)));
-      for (std::size_t i = 0; i < distinct; ++i) {
-        PyList_SET_ITEM(list.get(), static_cast<Py_ssize_t>(i), Py_NewRef(order_[i].text));
-      }
+      std::vector<Ref> kept;
+      kept.reserve(distinct);
+      for (std::size_t i = 0; i < distinct; ++i) kept.push_back(Ref::borrow(order_[i].text));
+      list = list_of(kept);
     }
     texts_.clear();
     set_ = Ref();
@@ -479,6 +520,7 @@ struct ListingLine {
   Ref whole;  // the line as Python concatenation made it, when not exact
 };
 
+// `"\n".join(path + "\0" + str(file_hashes.get(path, "")) for path in files)`
 Ref file_listing(const Names& n, PyObject* files, PyObject* file_hashes, PyObject* nul,
                  std::vector<ListingLine>& lines) {
   using Line = ListingLine;
@@ -558,10 +600,11 @@ Ref file_listing(const Names& n, PyObject* files, PyObject* file_hashes, PyObjec
 
 Ref section_map(const Call& call, PyObject* body, PyObject* citations, PyObject* file_hashes) {
   const Names& n = call.state().names;
-  Ref zero = integer(0);
   Ref nul = check(PyUnicode_FromStringAndSize("\0", 1));
-  StoredIndex stored = index_citations(n, citations, zero.get());
+  StoredIndex stored = index_citations(n, citations);
 
+  // Fast path: `_sections(body)` runs its body directly, without binding
+  // arguments, while the name still holds this module's own function.
   Ref sections_fn = call.global(n.sections);
   Ref sections = as_native(call.state(), sections_fn.get(), sections_spec)
                      ? sections_of(call, body)
@@ -619,43 +662,9 @@ Ref section_map(const Call& call, PyObject* body, PyObject* citations, PyObject*
 
 Ref section_map_entry(const Call& call) { return section_map(call, call.arg(0), call.arg(1), call.arg(2)); }
 
-constexpr std::array<ParamSpec, 1> sections_params{{
-    {"body", "str"},
-}};
-
-constexpr std::array<ParamSpec, 3> section_map_params{{
-    {"body", "str"},
-    {"citations", "Sequence[dict[str, Any]]"},
-    {"file_hashes", "dict[str, str]"},
-}};
-
 }  // namespace
 
-const FunctionSpec sections_spec{
-    "_sections",
-    "_sections",
-    "``(heading, text)`` of each ``##`` section of a body, outside code fences; the text\n"
-    "    of a section starts with its own heading line. The first pair is the lead-in,\n"
-    "    heading ``\"\"``, with the lines before the first heading.\n"
-    "    ",
-    sections_params,
-    0,
-    "list[tuple[str, str]]",
-    sections_entry,
-};
-
-const FunctionSpec section_map_spec{
-    "section_map",
-    "section_map",
-    "``[{heading, files, symbols, hash}]``: what each section of a body cites.\n"
-    "\n"
-    "    Only the page's stored citations count; ``hash`` covers the content hashes\n"
-    "    of the files the section cites. The lead-in is left out unless it cites.\n"
-    "    ",
-    section_map_params,
-    0,
-    "list[dict[str, Any]]",
-    section_map_entry,
-};
+const FunctionSpec sections_spec{texts::sections, sections_entry};
+const FunctionSpec section_map_spec{texts::section_map, section_map_entry};
 
 }  // namespace plan_record

@@ -27,7 +27,6 @@ namespace plan_record {
   X(startswith, "startswith")                         \
   X(compile, "compile")                               \
   X(getLogger, "getLogger")                           \
-  X(prepare, "__prepare__")                           \
   X(dunder_module, "__module__")                      \
   X(dunder_qualname, "__qualname__")                  \
   X(dunder_doc, "__doc__")                            \
@@ -165,7 +164,10 @@ namespace plan_record {
   X(stale_sections_key, "stale_sections")             \
   X(removed, "removed")                               \
   X(modified, "modified")                             \
-  X(section_map, "section_map")
+  X(section_map, "section_map")                       \
+  /* class creation */                                \
+  X(types, "types")                                   \
+  X(new_class, "new_class")
 
 struct Names {
 #define PLAN_RECORD_NAME_FIELD(field, literal) PyObject* field;

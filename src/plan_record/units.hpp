@@ -20,8 +20,8 @@ extern const FunctionSpec drift_signal_spec;
 extern const FunctionSpec sections_spec;
 extern const FunctionSpec section_map_spec;
 
-// Store side: builds `PlanRecordMixin` from its bases, which must already be
-// bound in the module's namespace.
-Ref make_mixin_class(PyObject* module);
+// Store side: creates `PlanRecordMixin` from its bases as a class statement
+// of the module does.
+Ref make_mixin_class(PyObject* module, PyObject* bases);
 
 }  // namespace plan_record
