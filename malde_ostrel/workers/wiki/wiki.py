@@ -293,17 +293,24 @@ class Wiki:
 
     def _settle_parents(self, repo: Repository, plans: list[PagePlan],
                         rows: dict[str, dict[str, Any]]) -> list[str]:
-        """Family parents whose children changed: their rows now list the
-        children and own no files; their ids, to be marked to write."""
+        """Code pages that became a family parent, changed children, or stopped
+        being a parent: their rows take the new shape (a parent lists its
+        children and owns no files); their ids, to be marked to write."""
         changed: list[str] = []
         for plan in plans:
             row = rows.get(plan.page_id)
-            if not plan.children or row is None:
+            if row is None or plan.level not in PINNED_LEVELS or plan.page_id.startswith("custom-"):
                 continue
-            if row.get("source_files") or list(row.get("related_pages") or []) != plan.children:
-                repo.upsert_wiki_page(self.branch, plan.page_id, str(row.get("title") or ""),
-                                      source_files=[], related_pages=list(plan.children))
-                changed.append(plan.page_id)
+            stored_kids = list(row.get("related_pages") or [])
+            if plan.children:
+                if not row.get("source_files") and stored_kids == plan.children:
+                    continue
+            elif not stored_kids and (row.get("source_files") or not plan.source_files):
+                continue
+            repo.upsert_wiki_page(self.branch, plan.page_id, str(row.get("title") or ""),
+                                  source_files=plan.stored_source_files(),
+                                  related_pages=list(plan.children))
+            changed.append(plan.page_id)
         return changed
 
     # ------------------------------------------------------------ save
@@ -496,7 +503,9 @@ def _carry(carrier: carry.Carrier, retired: list[str], rows: dict[str, dict[str,
            plans: list[PagePlan], live: set[str]) -> list[dict[str, Any]]:
     """Give the texts of the retired pages to the pages that take their files;
     make the retire and remap records say where texts really went."""
-    texts = {t.page_id: t for t in carry.leaving_texts(retired, rows, carrier.pages_dir)}
+    planned = {plan.page_id for plan in plans}
+    leaving = [page_id for page_id in retired if page_id not in planned]  # else it keeps its text
+    texts = {t.page_id: t for t in carry.leaving_texts(leaving, rows, carrier.pages_dir)}
     records: list[dict[str, Any]] = []
     went: dict[str, str | None] = {}
     for record in amendments:
