@@ -149,11 +149,13 @@ class Wiki:
         check_branch_name(snap.branch)
         legacy = root / LEGACY_STORE
         state = repo_scan.state_dir(root)
+        # A store an earlier release made in the work tree stays in use, with its wikis.
+        use_legacy = (store is None and legacy != state / STORE_NAME and legacy.is_file()
+                      and not (state / STORE_NAME).exists())
         if store is None:
-            use_legacy = legacy.is_file() and not (state / STORE_NAME).exists()
             store = legacy if use_legacy else state / STORE_NAME
         if wiki_dir is None:
-            base = root / LEGACY_WIKI_ROOT if store == legacy else state / "wiki"
+            base = root / LEGACY_WIKI_ROOT if use_legacy else state / "wiki"
             wiki_dir = base / snap.branch
         return cls(root, snap.branch, store.expanduser(), wiki_dir.expanduser(),
                    named=branch is not None)
