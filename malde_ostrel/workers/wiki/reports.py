@@ -17,7 +17,9 @@ class WikiError(Exception):
 def as_json(report: Any) -> Any:
     if isinstance(report, list):
         return [as_json(item) for item in report]
-    return dataclasses.asdict(report) if dataclasses.is_dataclass(report) else report
+    if dataclasses.is_dataclass(report) and not isinstance(report, type):
+        return dataclasses.asdict(report)
+    return report
 
 
 @dataclasses.dataclass

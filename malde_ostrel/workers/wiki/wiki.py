@@ -263,8 +263,10 @@ class Wiki:
                 gen._persist_plan_skeleton(plans)
                 _record_new_pages(gen, plans, set(repo.rows(self.branch)))
                 gen._mark_synthesis_stale(self._settle_parents(repo, plans, rows))
-                carrier = carry.Carrier(repo, journal, self.branch, self.pages_dir)
                 records.extend(amendments)
+                if not first:
+                    records.extend(self._settle_files(repo, plans, rows, amendments))
+                carrier = carry.Carrier(repo, journal, self.branch, self.pages_dir)
                 records.extend(_carry(carrier, retired, rows, amendments, remap, plans,
                                       set(snap.paths)))
                 gen._mark_synthesis_stale(carrier.finish())
@@ -314,6 +316,37 @@ class Wiki:
                                   related_pages=list(plan.children))
             changed.append(plan.page_id)
         return changed
+
+    def _settle_files(self, repo: Repository, plans: list[PagePlan],
+                      rows: dict[str, dict[str, Any]],
+                      amendments: list[dict[str, Any]]) -> list[dict[str, Any]]:
+        """Record in the rows the files each code page documents now, and give
+        the records the pinning does not: pages new to the store, and files
+        that joined or left a page (a family part's share of its directory)."""
+        named = {(str(a.get("action")), str(a.get("page_id"))) for a in amendments}
+        records: list[dict[str, Any]] = []
+        for plan in plans:
+            row = rows.get(plan.page_id)
+            if row is None:
+                if not any((act, plan.page_id) in named for act in ("add", "remap")):
+                    records.append(amend("add", plan.page_id, f"new {plan.level} page",
+                                         level=plan.level))
+                continue
+            if (plan.children or plan.level not in PINNED_LEVELS or not plan.source_files
+                    or plan.page_id.startswith("custom-")):
+                continue
+            old, new = set(row.get("source_files") or []), set(plan.source_files)
+            if old == new:
+                continue
+            repo.upsert_wiki_page(self.branch, plan.page_id, str(row.get("title") or ""),
+                                  source_files=sorted(new))
+            if ("extend", plan.page_id) not in named:
+                joined, left = sorted(new - old), sorted(old - new)
+                record = amend("files", plan.page_id,
+                               f"{len(joined)} file(s) joined, {len(left)} left")
+                record.update(joined=joined, left=left)
+                records.append(record)
+        return records
 
     # ------------------------------------------------------------ save
 
