@@ -17,17 +17,21 @@ def usable(renames: Mapping[str, str], live: set[str]) -> dict[str, str]:
     return {old: new for old, new in renames.items() if old not in live and new in live}
 
 
-def renamed_columns(row: Mapping[str, Any], moves: Mapping[str, str]) -> dict[str, Any] | None:
-    """The row's path-holding columns with ``moves`` applied; None when none change."""
-    files = [str(p) for p in row.get("source_files") or []]
-    hashes = dict(row.get("source_hashes") or {})
-    cache = dict(row.get("build_cache") or {})
-    touched = set(files) | set(hashes) | set(cache.get("file_hashes") or {})
+def _paths(row: Mapping[str, Any]) -> set[str]:
+    """Every path the row records."""
+    cache = row.get("build_cache") or {}
+    found = {str(p) for p in row.get("source_files") or []}
+    found.update(row.get("source_hashes") or {})
+    found.update(cache.get("file_hashes") or {})
     for section in cache.get("sections") or []:
         if isinstance(section, dict):
-            touched.update(str(p) for p in section.get("files") or [])
-    if touched.isdisjoint(moves):
-        return None
+            found.update(str(p) for p in section.get("files") or [])
+    return found
+
+
+def renamed_columns(row: Mapping[str, Any], moves: Mapping[str, str]) -> dict[str, Any]:
+    """The row's path-holding columns with ``moves`` applied."""
+    cache = dict(row.get("build_cache") or {})
     file_hashes = cache.get("file_hashes")
     if isinstance(file_hashes, dict):
         cache["file_hashes"] = {moves.get(k, k): v for k, v in file_hashes.items()}
@@ -40,40 +44,33 @@ def renamed_columns(row: Mapping[str, Any], moves: Mapping[str, str]) -> dict[st
             for s in sections
         ]
     return {
-        "source_files": [moves.get(p, p) for p in files],
-        "source_hashes": {moves.get(k, k): v for k, v in hashes.items()},
+        "source_files": [moves.get(str(p), str(p)) for p in row.get("source_files") or []],
+        "source_hashes": {moves.get(k, k): v for k, v in (row.get("source_hashes") or {}).items()},
         "build_cache": cache,
-    }
-
-
-def record(page_id: str, row: Mapping[str, Any], moves: Mapping[str, str]) -> dict[str, Any]:
-    """The audit record of one page's renamed files."""
-    own = {old: new for old, new in moves.items() if old in (row.get("source_files") or [])}
-    shown = own or moves
-    return {
-        "action": "rename",
-        "page_id": page_id,
-        "reason": f"{len(shown)} file(s) renamed or moved",
-        "renamed": dict(sorted(shown.items())),
     }
 
 
 def follow(
     rows: Mapping[str, Mapping[str, Any]], moves: Mapping[str, str]
 ) -> tuple[dict[str, dict[str, Any]], list[dict[str, Any]]]:
-    """The rows with ``moves`` applied (only those that change), and their records."""
+    """The rows with ``moves`` applied (only those that change), and one audit
+    record per changed page naming its renamed files (those it documents,
+    else those it cites)."""
     changed: dict[str, dict[str, Any]] = {}
     records: list[dict[str, Any]] = []
     if not moves:
         return changed, records
     for page_id, row in rows.items():
-        columns = renamed_columns(row, moves)
-        if columns is None:
+        touched = {old: moves[old] for old in sorted(_paths(row)) if old in moves}
+        if not touched:
             continue
-        changed[page_id] = {**row, **columns}
-        records.append(record(page_id, row, {o: n for o, n in moves.items() if _cites(row, o)}))
+        changed[page_id] = {**row, **renamed_columns(row, touched)}
+        own = {old: new for old, new in touched.items() if old in (row.get("source_files") or [])}
+        shown = own or touched
+        records.append({
+            "action": "rename",
+            "page_id": page_id,
+            "reason": f"{len(shown)} file(s) renamed or moved",
+            "renamed": shown,
+        })
     return changed, records
-
-
-def _cites(row: Mapping[str, Any], path: str) -> bool:
-    return renamed_columns(row, {path: path}) is not None
