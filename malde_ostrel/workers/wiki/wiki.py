@@ -366,11 +366,15 @@ class Wiki:
                     if not gen._existing:
                         raise WikiError(f"no plan of record for branch {self.branch} yet; "
                                         f"run `{PROG} plan` first")
+                    stored = set(gen._existing)
                     plans = self._pinned(gen, derived, snap)
                     plan = next((p for p in plans if p.page_id == page_id), None)
                     if plan is None:
                         raise WikiError(f"unknown page id {page_id!r}: not in the plan of branch "
                                         f"{self.branch}; `{PROG} status` lists the pages")
+                    if page_id not in stored:
+                        raise WikiError(f"page {page_id} is planned but not yet of record on "
+                                        f"branch {self.branch}; run `{PROG} plan` first")
                     citations = prose_citations(body)
                     replaced = [e["page_id"] for e in repo.archived(self.branch)
                                 if e["open"] and e["carried_to"] == page_id]
