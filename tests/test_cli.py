@@ -98,10 +98,12 @@ def actions(report: dict[str, Any]) -> set[tuple[str, str]]:
 
 
 def snapshot(root: Path) -> dict[str, bytes]:
+    """The files under ``root``: the work trees and the tool's state, not git's own."""
     return {
-        str(path.relative_to(root)): path.read_bytes()
+        str(rel): path.read_bytes()
         for path in sorted(root.rglob("*"))
-        if path.is_file() and ".git" not in path.relative_to(root).parts
+        if path.is_file() and ("ostrel-wiki" in (rel := path.relative_to(root)).parts
+                               or ".git" not in rel.parts)
     }
 
 
