@@ -82,6 +82,9 @@ _MIGRATIONS: Final[tuple[tuple[str, ...], ...]] = (
             archived_at TEXT NOT NULL
         )
         """,
+        # Rows with files never list related pages (those name a parent's children).
+        "UPDATE wiki_pages SET related_pages = '[]' "
+        "WHERE source_files NOT IN ('[]', '') AND related_pages NOT IN ('[]', '')",
         """
         CREATE TABLE journal (
             id      INTEGER PRIMARY KEY,
