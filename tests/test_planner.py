@@ -8,6 +8,7 @@ from pathlib import Path
 import pytest
 
 from malde_ostrel.workers.wiki import planner
+from malde_ostrel.workers.wiki.splits import split
 from malde_ostrel.workers.wiki.planner import (
     MAX_FILES_PER_PAGE,
     Steering,
@@ -59,26 +60,45 @@ def test_one_page_per_source_directory() -> None:
     assert plans["overview"].level == plans["architecture"].level == "overview"
 
 
-def test_large_directory_becomes_a_family_of_sorted_chunks() -> None:
+def test_large_directory_becomes_a_family_of_sorted_parts() -> None:
     plans = plan_pages(PATHS)
     ids = by_id(plans)
     parent = ids["module-big"]
     files = sorted(p for p in PATHS if p.startswith("big/"))
-    assert parent.children == ["module-big-part-1", "module-big-part-2", "module-big-part-3"]
     assert parent.source_files == [] and parent.stored_source_files() == []
     parts = [ids[child] for child in parent.children]
-    assert [part.source_files for part in parts] == [
-        files[:MAX_FILES_PER_PAGE],
-        files[MAX_FILES_PER_PAGE : 2 * MAX_FILES_PER_PAGE],
-        files[2 * MAX_FILES_PER_PAGE :],
-    ]
+    assert len(parts) > 1 and [f for part in parts for f in part.source_files] == files
+    assert all(0 < len(part.source_files) <= MAX_FILES_PER_PAGE for part in parts)
+    # A part is named after its first file.
+    first = [part.source_files[0].rpartition("/")[2].split(".")[0] for part in parts]
+    assert parent.children == [f"module-big-part-{name}" for name in first]
+    wide = next(part.source_files for part in parts if len(part.source_files) > 1)
+    assert ids[f"module-big-part-{wide[0][4:7]}"].title == f"big ({wide[0][4:]} to {wide[-1][4:]})"
     # Parents precede their parts; parts carry no back-link of their own.
     order = [plan.page_id for plan in plans]
-    assert order.index("module-big") < order.index("module-big-part-1")
+    assert order.index("module-big") < order.index(parent.children[0])
     assert all(part.related_pages == [] for part in parts)
     # The largest directory scores 1; the others in proportion.
     assert parent.importance_score == 1.0 and parent.importance == "high"
     assert ids["module-src-core"].importance_score == pytest.approx(2 / len(files))
+
+
+def test_one_file_more_or_less_seldom_moves_another_part() -> None:
+    rng = random.Random(3)
+    moved = {"add": 0, "remove": 0}
+    for _ in range(200):
+        files = sorted({f"lib/{rng.choice('abcdefgh')}{rng.randrange(10**6)}.py"
+                        for _ in range(rng.randint(13, 150))})  # fmt: skip
+        before = {tuple(part) for part in split(files, MAX_FILES_PER_PAGE)}
+        added = sorted({*files, f"lib/{rng.choice('abcdefgh')}{rng.randrange(10**6)}.py"})
+        index = rng.randrange(len(files))
+        for kind, after in (("add", added), ("remove", files[:index] + files[index + 1 :])):
+            parts = split(after, MAX_FILES_PER_PAGE)
+            assert [f for part in parts for f in part] == after
+            assert all(0 < len(part) <= MAX_FILES_PER_PAGE for part in parts)
+            moved[kind] += len(before - {tuple(part) for part in parts}) > 1
+    # Cutting by position would move nearly every later part, every time.
+    assert moved["add"] <= 20 and moved["remove"] <= 50
 
 
 def test_exactly_the_limit_stays_one_page() -> None:
@@ -87,8 +107,15 @@ def test_exactly_the_limit_stays_one_page() -> None:
     assert plans["module-lib"].children == []
     assert len(plans["module-lib"].source_files) == MAX_FILES_PER_PAGE
     plans = by_id(plan_pages([*paths, "lib/zz.go"]))
-    assert plans["module-lib"].children == ["module-lib-part-1", "module-lib-part-2"]
-    assert plans["module-lib-part-2"].source_files == ["lib/zz.go"]
+    assert len(plans["module-lib"].children) >= 2
+
+
+def test_titles_tell_same_named_directories_apart() -> None:
+    paths = ["a/migrations/x.py", "b/migrations/x.py", "c/z/migrations/x.py",
+             "d/z/migrations/x.py", "util/x.py", "top.py"]  # fmt: skip
+    titles = [p.title for p in plan_pages(paths) if p.page_id.startswith("module-")]
+    assert titles == ["top level", "a/migrations", "b/migrations", "c/z/migrations",
+                      "d/z/migrations", "util"]  # fmt: skip
 
 
 def test_architecture_needs_three_code_pages() -> None:
@@ -111,17 +138,19 @@ def test_architecture_needs_three_code_pages() -> None:
             ["module-additional-3-code", "module-additional-3-code-2"],
         ),
         (["root/x.py", "top.py"], ["module-root", "module-root-2"]),
-        # A directory named like a family part does not steal the part's id.
-        (
-            [*(f"w/f{i:02d}.c" for i in range(MAX_FILES_PER_PAGE + 1)), "w/part-1/k.c"],
-            ["module-w", "module-w-part-1", "module-w-part-2", "module-w-part-1-2"],
-        ),
     ],
 )
 def test_page_ids_are_safe_and_distinct(paths: list[str], expected: list[str]) -> None:
     ids = [p.page_id for p in plan_pages(paths) if p.page_id.startswith("module-")]
     assert ids == expected
     assert all(not planner._RESERVED_RE.match(pid) for pid in ids)
+
+
+def test_a_directory_named_like_a_part_does_not_steal_its_id() -> None:
+    paths = [*(f"w/f{i:02d}.c" for i in range(MAX_FILES_PER_PAGE + 1)), "w/part-f00/k.c"]
+    ids = [p.page_id for p in plan_pages(paths) if p.page_id.startswith("module-")]
+    assert ids[:2] == ["module-w", "module-w-part-f00"] and ids[-1] == "module-w-part-f00-2"
+    assert len(ids) == len(set(ids))
 
 
 @pytest.mark.parametrize(

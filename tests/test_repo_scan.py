@@ -119,6 +119,11 @@ def test_refusals_are_one_line(repo: Path, tmp_path: Path) -> None:
     assert walked.hashes(["x.py"]) == {"x.py": file_hash(plain / "x.py")}
     assert walked.renames_since("HEAD") == {}
     assert find_root(plain) == plain.resolve() and state_dir(plain) == plain / ".ostrel-wiki"
+    with pytest.raises(RepoError, match="is not a directory"):
+        snapshot(plain / "x.py")
+    (plain / ".git").mkdir()
+    with pytest.raises(RepoError, match="git cannot read"):
+        snapshot(plain)
 
 
 def test_state_dir_is_shared_by_worktrees(repo: Path, tmp_path: Path) -> None:
@@ -129,11 +134,24 @@ def test_state_dir_is_shared_by_worktrees(repo: Path, tmp_path: Path) -> None:
 
 
 def test_derive_leaves_out_own_output_and_excluded_globs(repo: Path) -> None:
-    write(repo, {"memory/w/p.py": "", "gen/x.py": "", "gen/keep.md": "",
-                 planner.STEERING_FILE: 'exclude = ["gen/*.py", "old.py"]\n'})  # fmt: skip
+    write(repo, {"memory/w/p.py": "", "gen/x.py": "", "gen/keep.md": "", "src/v.py": "",
+                 planner.STEERING_FILE: 'exclude = ["gen/*.py", "old.py"]\n',
+                 "src/.gitattributes": "v.py linguist-vendored\n"})  # fmt: skip
     git(repo, "add", ".")
     derived = planner.derive(snapshot(repo), exclude=["memory/w/"])
     assert derived.paths == [planner.STEERING_FILE, "a.py", "gen/keep.md", "link.py",
-                             "src/b.py", "src/c.py"]  # fmt: skip
+                             "src/.gitattributes", "src/b.py", "src/c.py"]  # fmt: skip
     assert derived.live == {"a.py", "link.py", "src/b.py", "src/c.py"}
     assert derived.fresh == planner.plan_pages(derived.paths, planner.read_steering(repo))
+
+
+def test_a_hash_does_not_depend_on_the_route_under_line_end_filters(repo: Path) -> None:
+    write(repo, {".gitattributes": "*.txt text\n"})
+    (repo / "crlf.txt").write_bytes(b"one\r\ntwo\r\n")
+    read_fresh = snapshot(repo).hashes(["crlf.txt"])["crlf.txt"]
+    git(repo, "add", ".")
+    from_index = snapshot(repo).hashes(["crlf.txt"])["crlf.txt"]
+    git(repo, "commit", "-qm", "crlf")
+    git(repo, "checkout", "-q", "side")
+    from_tree = snapshot(repo, "main").hashes(["crlf.txt"])["crlf.txt"]
+    assert read_fresh == from_index == from_tree == git(repo, "rev-parse", "main:crlf.txt")

@@ -43,6 +43,35 @@ def run(repo: Path, *args: str, stdin: bytes | None = None) -> tuple[int, bytes]
     return done.returncode, done.stdout
 
 
+def run_both(repo: Path, first: list[str], second: list[str]) -> tuple[tuple[int, bytes], ...]:
+    """Exit status and stdout of two git commands run side by side in ``repo``
+    (the first is read to its end before the second)."""
+    git = git_binary()
+    if git is None:
+        return (-1, b""), (-1, b"")
+    procs: list[subprocess.Popen[bytes]] = []
+    try:
+        for args in (first, second):
+            procs.append(
+                subprocess.Popen(
+                    [git, *args], cwd=repo, stdout=subprocess.PIPE,
+                    stderr=subprocess.DEVNULL, env=_ENV,
+                )  # fmt: skip
+            )
+        results: list[tuple[int, bytes]] = []
+        for proc in procs:
+            out = proc.communicate(timeout=GIT_TIMEOUT_S)[0]
+            results.append((proc.returncode, out))
+        return tuple(results)
+    except (OSError, subprocess.SubprocessError):
+        return (-1, b""), (-1, b"")
+    finally:
+        for proc in procs:
+            if proc.returncode is None:
+                proc.kill()
+                proc.wait()
+
+
 def text(repo: Path, *args: str) -> str | None:
     """Stdout of a git command as text (stray bytes kept as surrogates),
     trailing line end removed; None when it fails."""

@@ -6,17 +6,22 @@ Rules (the same paths and steering always give the same plan, in the same order)
   other file is left to the steering pages.
 * Each directory that directly holds source files is one code-unit page,
   ``module-<directory>`` (``ROOT_UNIT_ID`` for top-level files), level
-  "module", titled by the directory's own name.  Its importance score is its
-  file count divided by the largest directory's.
+  "module", titled by the directory's own name, with as many parent
+  directories as it takes to tell same-named directories apart.  Its
+  importance score is its file count divided by the largest directory's.
 * A directory with more than ``MAX_FILES_PER_PAGE`` source files becomes a
   decomposed family: a parent page that lists its children and holds no
-  files, and parts ``<parent>-part-1``, ``<parent>-part-2``, ... taking the
-  sorted files in runs of at most ``MAX_FILES_PER_PAGE``.
+  files, and parts that take the sorted files in runs cut where the names
+  say (see ``splits``), so that a file added or removed leaves the other
+  parts alone.  A part is ``<parent>-part-<its first file's name>``.
 * Two non-code pages with literal ids: ``overview`` always, ``architecture``
   when there are at least ``ARCHITECTURE_MIN_CODE_PAGES`` code-unit pages.
 * Steering pages come from ``STEERING_FILE`` at the repository root (see
   ``read_steering``): ``custom-<slug of title>``, level "module", with the
   live paths its glob patterns match.
+* ``derive`` leaves out paths before planning: the tool's own output, what
+  ``.gitattributes`` files mark vendored or generated (see ``attributes``),
+  and the steering file's ``exclude`` globs.
 
 Page ids use lower-case letters, digits and single hyphens.  Two directories
 whose ids would collide (``a_b`` and ``a-b``) are told apart by a numeric
@@ -29,10 +34,12 @@ from __future__ import annotations
 import dataclasses
 import re
 import tomllib
-from collections.abc import Iterable
-from pathlib import Path, PurePosixPath
+from collections.abc import Callable, Iterable
+from pathlib import Path
 from typing import Any
 
+from malde_ostrel.workers.wiki import attributes, splits
+from malde_ostrel.workers.wiki.globs import glob_regex
 from malde_ostrel.workers.wiki.page_sources import unit_topic
 from malde_ostrel.workers.wiki.repo_scan import Snapshot
 from malde_ostrel.workers.wiki.types import PagePlan
@@ -97,14 +104,54 @@ class Derived:
     paths: list[str]
 
 
+def _suffix(name: str) -> str:
+    """The extension of a file name, lower-cased ("" for none or a dot file)."""
+    dot = name.rfind(".")
+    return name[dot:].lower() if dot > 0 else ""
+
+
 def is_source(path: str) -> bool:
     """True for a path whose extension marks a source file."""
-    return PurePosixPath(path).suffix.lower() in SOURCE_EXTENSIONS
+    return _suffix(path.rpartition("/")[2]) in SOURCE_EXTENSIONS
 
 
 def source_paths(paths: Iterable[str]) -> set[str]:
     """The source files among ``paths``: what the code-unit pages document."""
     return {path for path in paths if is_source(path)}
+
+
+def _by_directory(
+    paths: Iterable[str],
+    prefixes: tuple[str, ...] = (),
+    exact: frozenset[str] = frozenset(),
+    drop: Callable[[str], bool] | None = None,
+) -> tuple[list[str], dict[str, list[str]]]:
+    """In one pass over ``paths`` (sorted): the paths kept (not under one of
+    the ``prefixes``, not in ``exact``, not dropped) and their source files
+    grouped by directory."""
+    known: dict[str, bool] = {}
+    kept: list[str] = []
+    by_dir: dict[str, list[str]] = {}
+    for path in paths:
+        if path.startswith(prefixes) or path in exact or (drop is not None and drop(path)):
+            continue
+        kept.append(path)
+        slash = path.rfind("/")
+        dot = path.rfind(".")
+        if dot <= slash + 1:
+            continue  # no extension, or a dot file
+        suffix = path[dot:]
+        source = known.get(suffix)
+        if source is None:
+            source = known[suffix] = suffix.lower() in SOURCE_EXTENSIONS
+        if source:
+            directory = path[:slash] if slash > 0 else ""
+            files = by_dir.get(directory)
+            if files is None:
+                by_dir[directory] = [path]
+            else:
+                files.append(path)
+    return kept, by_dir
 
 
 def slug(text: str) -> str:
@@ -135,18 +182,61 @@ def _importance(score: float) -> str:
     return "low"
 
 
-def _code_pages(sources: list[str]) -> list[PagePlan]:
-    by_dir: dict[str, list[str]] = {}
-    for path in sorted(sources):
-        by_dir.setdefault(path.rpartition("/")[0], []).append(path)
+def _titles(directories: list[str]) -> dict[str, str]:
+    """A title per directory: its own name, with as many parent directories
+    as it takes to tell apart directories of the same name."""
+    titles = {d: d.rpartition("/")[2] or "top level" for d in directories}
+    groups: dict[str, list[str]] = {}
+    for directory, title in titles.items():
+        groups.setdefault(title, []).append(directory)
+    for group in groups.values():
+        depth = 1
+        while len(group) > 1 and depth <= max(d.count("/") for d in group):
+            depth += 1
+            named = {d: "/".join(d.split("/")[-depth:]) for d in group}
+            if len(set(named.values())) == len(group):
+                titles.update(named)
+                break
+            counts: dict[str, int] = {}
+            for title in named.values():
+                counts[title] = counts.get(title, 0) + 1
+            for directory, title in named.items():
+                if counts[title] == 1:
+                    titles[directory] = title
+            group = [d for d in group if counts[named[d]] > 1]
+    return titles
+
+
+def _part_suffixes(chunks: list[list[str]]) -> list[str]:
+    """Distinct id suffixes for the parts, from the name of each part's first file."""
+    suffixes: list[str] = []
+    for chunk in chunks:
+        name = chunk[0].rpartition("/")[2]
+        base = "-part-" + (slug(name.rpartition(".")[0]) or slug(name) or "file")
+        suffix, n = base, 1
+        while suffix in suffixes:
+            n += 1
+            suffix = f"{base}-{n}"
+        suffixes.append(suffix)
+    return suffixes
+
+
+def _span(files: list[str]) -> str:
+    first, last = files[0].rpartition("/")[2], files[-1].rpartition("/")[2]
+    return first if len(files) == 1 else f"{first} to {last}"
+
+
+def _code_pages(by_dir: dict[str, list[str]]) -> list[PagePlan]:
     if not by_dir:
         return []
     largest = max(len(files) for files in by_dir.values())
+    directories = sorted(by_dir)
+    titles = _titles(directories)
     taken: set[str] = set()
     pages: list[PagePlan] = []
-    for directory in sorted(by_dir):
+    for directory in directories:
         files = by_dir[directory]
-        name = directory.rpartition("/")[2] or "top level"
+        name = titles[directory]
         where = f"{directory}/" if directory else "the top-level directory"
         base = UNIT_PREFIX + slug(directory) if slug(directory) else ROOT_UNIT_ID
         score = len(files) / largest
@@ -158,29 +248,27 @@ def _code_pages(sources: list[str]) -> list[PagePlan]:
                     level="module",
                     importance=_importance(score),
                     description=f"Code in {where}",
-                    topic=unit_topic(name, files),
+                    topic=f"{name.lower()} {directory or '.'}",
                     source_files=files,
                     importance_score=score,
                 )
             )
             continue
-        chunks = [
-            files[i : i + MAX_FILES_PER_PAGE] for i in range(0, len(files), MAX_FILES_PER_PAGE)
-        ]
-        suffixes = [f"-part-{k}" for k in range(1, len(chunks) + 1)]
+        chunks = splits.split(files, MAX_FILES_PER_PAGE)
+        suffixes = _part_suffixes(chunks)
         parent_id = _unique(base, taken, *suffixes)
         parts = [
             PagePlan(
                 page_id=parent_id + suffix,
-                title=f"{name} (part {k})",
+                title=f"{name} ({_span(chunk)})",
                 level="module",
                 importance=_importance(len(chunk) / largest),
-                description=f"Code in {where}, part {k} of {len(chunks)}",
-                topic=unit_topic(name, chunk),
+                description=f"Code in {where}: {_span(chunk)}",
+                topic=f"{name.lower()} {directory or '.'}",
                 source_files=chunk,
                 importance_score=len(chunk) / largest,
             )
-            for k, (suffix, chunk) in enumerate(zip(suffixes, chunks, strict=True), start=1)
+            for suffix, chunk in zip(suffixes, chunks, strict=True)
         ]
         pages.append(
             PagePlan(
@@ -189,7 +277,7 @@ def _code_pages(sources: list[str]) -> list[PagePlan]:
                 level="module",
                 importance=_importance(score),
                 description=f"Code in {where}, in {len(chunks)} parts",
-                topic=unit_topic(name, files),
+                topic=f"{name.lower()} {directory or '.'}",
                 children=[part.page_id for part in parts],
                 importance_score=score,
             )
@@ -198,50 +286,9 @@ def _code_pages(sources: list[str]) -> list[PagePlan]:
     return pages
 
 
-def _glob_regex(pattern: str) -> re.Pattern[str]:
-    """A glob over whole repository paths: "*" and "?" stay within one path
-    step, "**" spans any number of steps, "[...]" is a character class; a
-    pattern ending in "/" covers everything below that directory."""
-    text = pattern.strip().lstrip("/")
-    if text.endswith("/"):
-        text += "**"
-    steps = text.split("/")
-    out: list[str] = []
-    for index, step in enumerate(steps):
-        last = index == len(steps) - 1
-        if step == "**":
-            out.append(".*" if last else "(?:[^/]+/)*")
-            continue
-        out.append(_glob_step(step))
-        if not last:
-            out.append("/")
-    return re.compile("".join(out))
-
-
-def _glob_step(step: str) -> str:
-    out: list[str] = []
-    i = 0
-    while i < len(step):
-        char = step[i]
-        if char == "*":
-            out.append("[^/]*")
-        elif char == "?":
-            out.append("[^/]")
-        elif char == "[" and (close := step.find("]", i + 2)) != -1:
-            inner = step[i + 1 : close]
-            negate = inner.startswith("!")
-            body = re.escape(inner[1:] if negate else inner).replace("\\-", "-")
-            out.append(f"[{'^' if negate else ''}{body}]")
-            i = close
-        else:
-            out.append(re.escape(char))
-        i += 1
-    return "".join(out)
-
-
 def matching(patterns: Iterable[str], paths: Iterable[str]) -> list[str]:
     """The paths matched by any of the glob patterns, sorted."""
-    regexes = [_glob_regex(pattern) for pattern in patterns if pattern.strip()]
+    regexes = [glob_regex(pattern) for pattern in patterns if pattern.strip()]
     return sorted({path for path in paths if any(rx.fullmatch(path) for rx in regexes)})
 
 
@@ -265,8 +312,14 @@ def _steering_pages(steering: Steering, paths: list[str]) -> list[PagePlan]:
 
 def plan_pages(paths: Iterable[str], steering: Steering | None = None) -> list[PagePlan]:
     """The fresh plan: overview pages, code-unit pages in path order, steering pages."""
-    every = sorted(set(paths))
-    code = _code_pages(sorted(source_paths(every)))
+    every, by_dir = _by_directory(sorted(set(paths)))
+    return _plan(every, by_dir, steering)
+
+
+def _plan(
+    every: list[str], by_dir: dict[str, list[str]], steering: Steering | None
+) -> list[PagePlan]:
+    code = _code_pages(by_dir)
     plans = [
         PagePlan(
             page_id=OVERVIEW_ID,
@@ -325,7 +378,8 @@ def parse_steering(text: str) -> Steering:
     A top-level ``steering = "..."`` is guidance for every page (a change of
     it makes the written pages stale); each ``[[page]]`` table asks for a
     page with a ``title``, glob patterns ``files`` and an optional
-    ``description``.
+    ``description``; a top-level ``exclude`` lists glob patterns of paths
+    the wiki leaves out altogether.
     """
     try:
         data = tomllib.loads(text)
@@ -381,18 +435,22 @@ def derive(snapshot: Snapshot, *, exclude: Iterable[str] = ()) -> Derived:
 
     Reads the steering file from the snapshot and leaves out the paths under
     the ``exclude`` prefixes (the tool's own output, when it lives in the work
-    tree) and those the steering file's ``exclude`` globs match.
+    tree), those ``.gitattributes`` files mark ``linguist-vendored`` or
+    ``linguist-generated``, and those the steering file's ``exclude`` globs
+    match.
     """
     steering = read_steering(snapshot)
     prefixes = tuple(p.strip("/") + "/" for p in exclude if p.strip("/"))
-    exact = {p.strip("/") for p in exclude}
-    globs = [_glob_regex(p) for p in steering.exclude if p.strip()]
-    paths = [
-        path
-        for path in snapshot.paths
-        if path not in exact
-        and not path.startswith(prefixes)
-        and not any(rx.fullmatch(path) for rx in globs)
-    ]
-    fresh = plan_pages(paths, steering)
-    return Derived(fresh, source_paths(paths), paths)
+    exact = frozenset(p.strip("/") for p in exclude)
+    globs = [glob_regex(p) for p in steering.exclude if p.strip()]
+    paths = snapshot.paths
+    if any(a >= b for a, b in zip(paths, paths[1:])):
+        paths = sorted(set(paths))
+    marked = attributes.marked_paths(paths, snapshot.read_text)
+
+    def drop(path: str) -> bool:
+        return any(rx.fullmatch(path) for rx in globs) or (marked is not None and marked(path))
+
+    paths, by_dir = _by_directory(paths, prefixes, exact, drop if globs or marked else None)
+    live = {path for files in by_dir.values() for path in files}
+    return Derived(_plan(paths, by_dir, steering), live, paths)

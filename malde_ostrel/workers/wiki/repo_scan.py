@@ -19,6 +19,7 @@ from __future__ import annotations
 import dataclasses
 import os
 import posixpath
+import re
 import stat
 from collections.abc import Callable, Iterable
 from pathlib import Path
@@ -38,6 +39,9 @@ STATE_DIR_NAME = "ostrel-wiki"
 
 _GITLINK = "160000"
 _SYMLINK = "120000"
+_REGULAR = frozenset({"100644", "100755"})
+# One entry of `git ls-files -s -z`: mode, object id, stage, path.
+_LS_FILES_RE = re.compile(r"(\d+) ([0-9a-f]+) \d\t([^\0]*)\0")
 _SYMLINK_HOPS = 8
 # Files per `git hash-object` run, and between two progress reports.
 _CHUNK = 1000
@@ -136,12 +140,16 @@ class Snapshot:
         wanted = list(paths)
         result: dict[str, str | None] = {}
         unread: list[tuple[str, str]] = []
+        known = self.known_ids
         for path in wanted:
-            rel = _norm(path)
-            oid = None if _outside(rel) else self.known_ids.get(rel)
+            oid = known.get(path)
+            if oid is None:
+                rel = _norm(path)
+                outside = _outside(rel)
+                oid = None if outside else known.get(rel)
+                if oid is None and self.checked_out and not outside:
+                    unread.append((path, rel))
             result[path] = oid
-            if oid is None and self.checked_out and not _outside(rel):
-                unread.append((path, rel))
         total = len(wanted)
         done = total - len(unread)
         if progress is not None:
@@ -168,7 +176,8 @@ class Snapshot:
             else:
                 result[path] = None
         by_git = self._hash_objects([rel for _path, rel in files]) if self.in_git else None
-        algorithm = "sha256" if any(len(v) == 64 for v in self.known_ids.values()) else "sha1"
+        some_id = self.commit or next(iter(self.known_ids.values()), "")
+        algorithm = "sha256" if len(some_id) == 64 else "sha1"
         for index, (path, rel) in enumerate(files):
             if by_git is not None:
                 result[path] = by_git[index]
@@ -223,8 +232,14 @@ def snapshot(root: Path, branch: str | None = None) -> Snapshot:
     Raises RepoError on a detached HEAD without a branch, for an unknown
     branch, or when git cannot read the repository.
     """
-    top = git_io.text(root, "rev-parse", "--show-toplevel")
+    if not root.is_dir():
+        raise RepoError(f"repository {root} is not a directory; name one with --repo")
+    # A directory holding ".git" is a work tree's top: no need to ask git.
+    top = str(root.resolve()) if (root / ".git").exists() else None
+    top = top or git_io.text(root, "rev-parse", "--show-toplevel")
     if top is None:
+        if (root / ".git").exists() and git_io.git_binary() is not None:
+            raise RepoError(f"git cannot read {root}; run `git status` there to see why")
         if branch not in (None, DEFAULT_BRANCH):
             raise RepoError(
                 f"{root} is not a git work tree, so it has no branch {branch!r}; "
@@ -238,11 +253,13 @@ def snapshot(root: Path, branch: str | None = None) -> Snapshot:
 
 
 def _work_tree(root: Path, branch: str | None) -> Snapshot:
-    status, out = git_io.run(
-        root, "status", "--porcelain=v2", "-z", "--branch", "--untracked-files=no",
-        "--no-renames", "--ignore-submodules=all",
+    (listed, listing), (status, out) = git_io.run_both(
+        root,
+        ["ls-files", "-s", "-z"],
+        ["status", "--porcelain=v2", "-z", "--branch", "--untracked-files=no",
+         "--no-renames", "--ignore-submodules=all"],
     )  # fmt: skip
-    if status != 0:
+    if status != 0 or listed != 0:
         raise RepoError(f"git cannot read the work tree {root}; check it with `git status`")
     commit: str | None = None
     head = DEFAULT_BRANCH
@@ -272,27 +289,18 @@ def _work_tree(root: Path, branch: str | None) -> Snapshot:
             changed.add(record.split(" ", 10)[-1])
     if branch is None and head == "(detached)":
         raise RepoError("HEAD is detached; name the branch with --branch")
-    status, out = git_io.run(root, "ls-files", "-s", "-z")
-    if status != 0:
-        raise RepoError(f"git cannot list the files of {root}; check it with `git status`")
-    paths: list[str] = []
-    known: dict[str, str] = {}
-    last = ""
-    for record in git_io.records(out):
-        meta, _, path = record.partition("\t")
-        if path == last or path in deleted:
-            continue  # a further stage of a conflicted file, or a file gone
-        last = path
-        mode, _, rest = meta.partition(" ")
-        if mode == _GITLINK:
-            continue
-        if mode == _SYMLINK or path in changed:
-            if os.path.isfile(root / path):
-                paths.append(path)
-            continue
-        paths.append(path)
-        known[path] = rest.partition(" ")[0]
-    paths.sort()
+    entries = _LS_FILES_RE.findall(listing.decode("utf-8", "surrogateescape"))
+    # Every stage of a conflicted file lands on one key; it is among `changed`.
+    known = {path: oid for _mode, oid, path in entries}
+    odd = {path: mode for mode, _oid, path in entries if mode not in _REGULAR}
+    for path in deleted:
+        known.pop(path, None)
+    for path in changed.union(odd):
+        if path in known and (odd.get(path) == _GITLINK or not os.path.isfile(root / path)):
+            del known[path]  # a submodule, or no longer a file
+    paths = sorted(known)
+    for path in changed.union(odd):
+        known.pop(path, None)  # live, but git's id is not the content's
     return Snapshot(root, branch or head, commit, True, paths, known, in_git=True)
 
 

@@ -1,0 +1,157 @@
+"""Time `ostrel-wiki` on large repositories, side by side with `git status`.
+
+Builds its own repositories in a temporary directory: N copies of this
+Python's standard library source tree (no __pycache__, no site-packages,
+about 2,400 files a copy), committed in git.  For each size it measures, as
+the median of a few runs, the wall time and peak memory of:
+
+* ``git status --porcelain`` (the yardstick);
+* ``inputs``: a snapshot of the work tree, the fresh plan derived from it and
+  the content hashes of every live path, in a fresh interpreter;
+* a first ``ostrel-wiki plan`` (empty store), a warm ``plan`` and ``status``.
+
+    python benchmarks/bench_tool.py [--copies 2,8,33] [--repeat 3] [--steps inputs,...] [--keep]
+
+Peak memory is the child's maximum resident set, from ``os.wait4``.
+"""
+
+from __future__ import annotations
+
+import argparse
+import os
+import shutil
+import statistics
+import subprocess
+import sys
+import sysconfig
+import tempfile
+import time
+from pathlib import Path
+
+SKIP_DIRS = {"__pycache__", "site-packages"}
+MAX_FILE_BYTES = 4 << 20  # leaves out the static library of the build
+GIT = ["git", "-c", "user.name=bench", "-c", "user.email=bench@example.invalid"]
+
+INPUTS = """
+import sys
+from pathlib import Path
+from malde_ostrel.workers.wiki import planner, repo_scan
+snap = repo_scan.snapshot(Path(sys.argv[1]))
+derived = planner.derive(snap)
+hashes = snap.hashes(snap.paths)
+assert len(hashes) == len(snap.paths) and all(hashes.values())
+"""
+
+
+def build_repo(where: Path, copies: int) -> int:
+    """A git repository of ``copies`` copies of the standard library; its file count."""
+    stdlib = Path(sysconfig.get_paths()["stdlib"])
+    where.mkdir(parents=True)
+    files = 0
+    for copy in range(copies):
+        for top, dirs, names in os.walk(stdlib):
+            dirs[:] = sorted(d for d in dirs if d not in SKIP_DIRS)
+            rel = Path(top).relative_to(stdlib)
+            target = where / f"copy-{copy:03d}" / rel
+            target.mkdir(parents=True, exist_ok=True)
+            for name in names:
+                source = Path(top) / name
+                if not source.is_file() or source.is_symlink():
+                    continue
+                if source.stat().st_size > MAX_FILE_BYTES:
+                    continue
+                try:
+                    os.link(source, target / name)
+                except OSError:
+                    shutil.copy2(source, target / name)
+                files += 1
+    subprocess.run([*GIT, "init", "-q", "-b", "main"], cwd=where, check=True)
+    subprocess.run([*GIT, "add", "-A"], cwd=where, check=True)
+    subprocess.run([*GIT, "commit", "-qm", "copies"], cwd=where, check=True)
+    return files
+
+
+def timed(argv: list[str], cwd: Path) -> tuple[float, float]:
+    """Wall time (s) and peak resident memory (MB) of one command; raises on failure."""
+    with tempfile.TemporaryFile() as errors:
+        start = time.perf_counter()
+        proc = subprocess.Popen(argv, cwd=cwd, stdout=subprocess.DEVNULL, stderr=errors)
+        _pid, status, usage = os.wait4(proc.pid, 0)
+        wall = time.perf_counter() - start
+        proc.returncode = os.waitstatus_to_exitcode(status)
+        if proc.returncode != 0:
+            errors.seek(0)
+            raise SystemExit(f"failed: {' '.join(argv)}\n{errors.read().decode(errors='replace')}")
+    return wall, usage.ru_maxrss / 1024
+
+
+def median_of(runs: list[tuple[float, float]]) -> tuple[float, float]:
+    return statistics.median(w for w, _ in runs), max(m for _, m in runs)
+
+
+STEPS = ("git status", "inputs", "first plan", "warm plan", "status")
+
+
+def measure(
+    repo: Path, state: Path, repeat: int, python: str, steps: set[str]
+) -> dict[str, tuple[float, float]]:
+    tool = [python, "-m", "malde_ostrel.workers.wiki", "--repo", str(repo),
+            "--store", str(state / "store.sqlite3"), "--wiki-dir", str(state / "wiki")]  # fmt: skip
+    results: dict[str, tuple[float, float]] = {}
+    timed(["git", "status", "--porcelain"], repo)  # a warm index and page cache
+    results["git status"] = median_of(
+        [timed(["git", "status", "--porcelain"], repo) for _ in range(repeat)]
+    )
+    if "inputs" in steps:
+        results["inputs"] = median_of(
+            [timed([python, "-c", INPUTS, str(repo)], repo) for _ in range(repeat)]
+        )
+    if steps & {"first plan", "warm plan", "status"}:
+        first: list[tuple[float, float]] = []
+        for _ in range(repeat):
+            shutil.rmtree(state, ignore_errors=True)
+            state.mkdir(parents=True)
+            first.append(timed([*tool, "plan"], repo))
+        if "first plan" in steps:
+            results["first plan"] = median_of(first)
+    if "warm plan" in steps:
+        results["warm plan"] = median_of([timed([*tool, "plan"], repo) for _ in range(repeat)])
+    if "status" in steps:
+        results["status"] = median_of([timed([*tool, "status"], repo) for _ in range(repeat)])
+    return results
+
+
+def main() -> None:
+    parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
+    parser.add_argument("--copies", default="2,8,33", help="copies of the library, per size")
+    parser.add_argument("--repeat", type=int, default=3, help="runs per figure (median)")
+    parser.add_argument("--python", default=sys.executable, help="interpreter with the tool")
+    parser.add_argument("--steps", default=",".join(STEPS[1:]),
+                        help="what to time besides git status (comma-separated)")
+    parser.add_argument("--keep", action="store_true", help="keep the generated repositories")
+    args = parser.parse_args()
+    work = Path(tempfile.mkdtemp(prefix="bench-tool-"))
+    try:
+        print(f"{'files':>7}  {'step':<11} {'wall ms':>9} {'us/file':>8} {'peak MB':>8} "
+              f"{'x git status':>12}")  # fmt: skip
+        for copies in (int(c) for c in args.copies.split(",")):
+            repo = work / f"repo-{copies}"
+            files = build_repo(repo, copies)
+            steps = set(args.steps.split(","))
+            results = measure(repo, work / f"state-{copies}", args.repeat, args.python, steps)
+            base = results["git status"][0]
+            for step, (wall, peak) in results.items():
+                print(f"{files:>7}  {step:<11} {wall * 1e3:>9.1f} {wall * 1e6 / files:>8.2f} "
+                      f"{peak:>8.1f} {wall / base:>12.1f}")  # fmt: skip
+            sys.stdout.flush()
+            if not args.keep:
+                shutil.rmtree(repo)
+    finally:
+        if args.keep:
+            print(f"repositories kept in {work}")
+        else:
+            shutil.rmtree(work, ignore_errors=True)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,63 @@
+"""Cutting the sorted files of a large directory into parts that stay put.
+
+A file starts a new part when the hash of its name falls below a threshold
+(about one name in ``CUT_SPACING``), unless one of the ``CUT_GAP`` files just
+before it did too, which keeps most parts from being tiny.  A part still
+larger than the limit is cut again the same way with twice the threshold, up
+to one name in two; past that (all but never), into even runs.
+
+Cut points depend on the names alone, not on positions: one file added or
+removed changes the part it falls in and at times a part next to it (a new
+cut, or a cut gone with its file), never the parts further along.
+"""
+
+from __future__ import annotations
+
+import hashlib
+
+CUT_SPACING = 8
+CUT_GAP = 2
+_SPAN = 1 << 64
+
+
+def name_rank(path: str) -> int:
+    """A fixed pseudo-random number for the file name of ``path``."""
+    name = path.rpartition("/")[2].encode("utf-8", "surrogateescape")
+    return int.from_bytes(hashlib.blake2b(name, digest_size=8).digest(), "big")
+
+
+def _even(files: list[str], limit: int) -> list[list[str]]:
+    count = -(-len(files) // limit)
+    size = -(-len(files) // count)
+    return [files[i : i + size] for i in range(0, len(files), size)]
+
+
+def split(files: list[str], limit: int) -> list[list[str]]:
+    """``files`` (sorted) in runs of at most ``limit`` files, cut where the
+    names say (see the module text)."""
+    if len(files) <= limit:
+        return [files]
+    ranks = {path: name_rank(path) for path in files}
+    return _cut(files, limit, ranks, _SPAN // CUT_SPACING)
+
+
+def _cut(files: list[str], limit: int, ranks: dict[str, int], threshold: int) -> list[list[str]]:
+    if len(files) <= limit:
+        return [files]
+    if threshold >= _SPAN:
+        return _even(files, limit)
+    pieces: list[list[str]] = []
+    current: list[str] = []
+    since_low = CUT_GAP  # files since the last one below the threshold
+    for path in files:
+        low = ranks[path] < threshold
+        if current and low and since_low >= CUT_GAP:
+            pieces.append(current)
+            current = []
+        current.append(path)
+        since_low = 0 if low else since_low + 1
+    pieces.append(current)
+    parts: list[list[str]] = []
+    for piece in pieces:
+        parts.extend(_cut(piece, limit, ranks, threshold * 2))
+    return parts
