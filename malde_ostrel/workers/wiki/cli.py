@@ -27,7 +27,6 @@ from malde_ostrel.workers.wiki.repo_scan import RepoError
 from malde_ostrel.workers.wiki.reports import WikiError, as_json
 from malde_ostrel.workers.wiki.store import DOCTOR_HINT, StoreError
 from malde_ostrel.workers.wiki.wiki import PROG, Wiki
-from malde_ostrel.workers.wiki import doctor as doctor_mod
 
 STORE_ENV = "OSTREL_WIKI_STORE"
 DEFAULT_LOG_RUNS = 10
@@ -222,7 +221,7 @@ def cmd_restore(wiki: Wiki, args: argparse.Namespace) -> Any:
 
 
 def cmd_doctor(wiki: Wiki, args: argparse.Namespace) -> Any:
-    report = doctor_mod.doctor(wiki.store, wiki.wiki_dir)
+    report = wiki.doctor()
     if args.json:
         return report
     for problem in report.problems:

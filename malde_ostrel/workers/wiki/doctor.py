@@ -34,11 +34,12 @@ def backup_of(path: Path) -> Path:
     return path.with_name(f"{path.name}.bak-{stamp}")
 
 
-def doctor(store: Path, wiki_dir: Path) -> DoctorReport:
+def doctor(store: Path, wiki_dir: Path, branch: str) -> DoctorReport:
     report = DoctorReport(str(store), [], [], None)
     if store.exists():
         with store_lock(store):
             _check_store(store, report)
+            _check_bodies(store, wiki_dir / "pages", branch, report)
     else:
         report.problems.append(f"no page store at {store} yet (the first plan makes it)")
     _check_log(wiki_dir, report)
@@ -71,6 +72,19 @@ def _check_store(store: Path, report: DoctorReport) -> None:
         reason = str(exc)
     report.problems.append(f"page store {store} is damaged: {reason}")
     _salvage(store, report)
+
+
+def _check_bodies(store: Path, pages: Path, branch: str, report: DoctorReport) -> None:
+    try:
+        with Database.open(store) as db:
+            rows = Repository(db).rows(branch)
+    except (StoreError, sqlite3.DatabaseError):
+        return  # reported above
+    for page_id, row in rows.items():
+        if row.get("content_hash") and not (pages / f"{page_id}.md").exists():
+            report.problems.append(
+                f"page {page_id}: its saved text {pages / (page_id + '.md')} is missing; "
+                "look for it in `ostrel-wiki archive`, or save the page again")
 
 
 def _check_rows(store: Path, db: Database, report: DoctorReport) -> None:

@@ -28,7 +28,7 @@ from datetime import datetime
 from pathlib import Path
 from typing import Any, Final
 
-from malde_ostrel.workers.wiki import carry, planner, plan_record, renames, repo_scan
+from malde_ostrel.workers.wiki import carry, doctor, planner, plan_record, renames, repo_scan
 from malde_ostrel.workers.wiki.auditlog import page_history, read_runs
 from malde_ostrel.workers.wiki.journal import PLAN_LOG_NAME, Journal, new_run_id
 from malde_ostrel.workers.wiki.locking import store_lock
@@ -37,6 +37,7 @@ from malde_ostrel.workers.wiki.replan_carry import ReplanRemap, amend
 from malde_ostrel.workers.wiki.repo_facts import _norm
 from malde_ostrel.workers.wiki.reports import (
     ArchiveEntry,
+    DoctorReport,
     HistoryEvent,
     LogReport,
     PageLine,
@@ -480,6 +481,12 @@ class Wiki:
                 })
             _finish(journal)
         return RestoreReport(entry, found["page_id"], target)
+
+
+    def doctor(self) -> DoctorReport:
+        """Check the store and the branch's log and texts; repair what can be
+        repaired, keeping a backup of what it changes."""
+        return doctor.doctor(self.store, self.wiki_dir, self.branch)
 
 
 # ---------------------------------------------------------------- helpers
