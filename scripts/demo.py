@@ -3,7 +3,8 @@
 Builds a git repository in a temporary directory, then runs the tool step by
 step: the first plan, saving a page's prose, changing the code, planning
 again (ids stay put; the changes become amendments), the status with its
-stale section, and the plan log.
+stale section, the plan log, and a moved package whose page keeps its id and
+its text.
 """
 
 from __future__ import annotations
@@ -152,6 +153,14 @@ def main() -> None:
 
         heading("6. log: the plan audit log")
         wiki(repo, "log")
+
+        heading("7. the package moves to src/: same page, same text")
+        (repo / "src").mkdir()
+        git(repo, "mv", "kettle", "src/kettle")
+        commit(repo, "Move the package under src/")
+        print("moved    kettle/ -> src/kettle/")
+        wiki(repo, "plan")
+        wiki(repo, "history", "module-kettle")
 
     heading("done")
     print(f"the tour took {time.monotonic() - started:.1f} s")

@@ -1,5 +1,6 @@
 """``ostrel-wiki`` end to end: the real command, in a subprocess, on temporary
-git repositories (plus one in-process check of a store that refuses writes)."""
+git repositories: what it prints, where it keeps its state, and the one-line
+errors it gives for bad input, branches and damaged stores."""
 
 from __future__ import annotations
 
@@ -23,6 +24,10 @@ GIT_ENV = {
     "GIT_CONFIG_NOSYSTEM": "1",
 }
 ENV = {k: v for k, v in os.environ.items() if k != "OSTREL_WIKI_STORE"} | GIT_ENV
+
+STATE = Path(".git/ostrel-wiki")
+STORE = STATE / "store.sqlite3"
+WIKI = STATE / "wiki/trunk"
 
 BODY = """# Core
 
@@ -57,18 +62,19 @@ def commit(repo: Path, message: str = "change") -> None:
 def make_repo(root: Path, files: dict[str, str]) -> Path:
     repo = root / "repo"
     repo.mkdir()
-    git(repo, "init", "-q", "-b", "trunk")
+    git(repo, "init", "-q", "-b", "trunk", "--template=")
     write(repo, files)
     commit(repo, "initial")
     return repo
 
 
 def run(
-    repo: Path, *args: str, code: int = 0, env: dict[str, str] | None = None
+    repo: Path, *args: str, code: int = 0, env: dict[str, str] | None = None, cwd: Path | None = None
 ) -> subprocess.CompletedProcess[str]:
+    where = [] if cwd else ["--repo", str(repo)]
     done = subprocess.run(
-        [sys.executable, "-P", "-m", "malde_ostrel.workers.wiki", "--repo", str(repo), *args],
-        cwd=repo.parent,
+        [sys.executable, "-P", "-m", "malde_ostrel.workers.wiki", *where, *args],
+        cwd=cwd or repo.parent,
         env=env or ENV,
         capture_output=True,
         text=True,
@@ -92,10 +98,12 @@ def actions(report: dict[str, Any]) -> set[tuple[str, str]]:
 
 
 def snapshot(root: Path) -> dict[str, bytes]:
+    """The files under ``root``: the work trees and the tool's state, not git's own."""
     return {
-        str(path.relative_to(root)): path.read_bytes()
+        str(rel): path.read_bytes()
         for path in sorted(root.rglob("*"))
-        if path.is_file() and ".git" not in path.relative_to(root).parts
+        if path.is_file() and ("ostrel-wiki" in (rel := path.relative_to(root)).parts
+                               or ".git" not in rel.parts)
     }
 
 
@@ -130,58 +138,23 @@ def repo(tmp_path: Path) -> Path:
     )
 
 
-def test_ids_stay_stable_while_directories_come_and_go(repo: Path) -> None:
-    first = plan(repo)
-    assert first["first_plan"] and first["branch"] == "trunk"
-    assert {p["state"] for p in first["pages"]} == {"new"}
-    assert all(p["to_write"] for p in first["pages"])
-    assert {"module-big", "module-big-part-f00", "module-big-part-f04"} <= set(ids(first))
-    assert (repo / "memory/lorebook/trunk/plan-log.jsonl").is_file()
-    assert (repo / ".ostrel-wiki/store.sqlite3").is_file()
-
-    # Files come and go inside kept directories; one directory vanishes and a
-    # new one with two files appears; the big one grows a new part.
-    (repo / "core/b.py").unlink()
-    for rel in ("util/x.go", "util/y.go"):
-        (repo / rel).unlink()
-    write(repo, {"core/c.py": py(1), "cli/run.py": py(1), "cli/args.py": py(1)})
-    write(repo, {f"big/h{i:02d}.rs": py(1) for i in range(12)})
-    commit(repo)
-    second = plan(repo)
-    assert not second["first_plan"] and second["drift"] is None
-    kept = set(ids(first)) - {"module-util"}
-    assert kept <= set(ids(second))
-    assert set(ids(second)) - kept == {"module-cli", "module-big-part-h06"}
-    assert {("retire", "module-util"), ("add", "module-cli")} <= actions(second)
-    assert second["retired"] == ["module-util"]
-    pages = {p["page_id"]: p for p in second["pages"]}
-    assert pages["module-cli"]["state"] == "new"
-    assert pages["module-core"]["state"] == "changed"
-    assert pages["module-net"]["state"] == "kept"
-
-    # Nothing changed: the same plan, no amendments, nothing new.
-    third = plan(repo)
-    assert sorted(ids(third)) == sorted(ids(second)) and third["amendments"] == []
-    # A page stays "changed" until it is written with its new files.
-    states = {p["page_id"]: p["state"] for p in third["pages"]}
-    assert states["module-cli"] == states["module-net"] == states["module-big-part-h06"] == "kept"
-    assert states["module-core"] == states["module-big"] == "changed"
-
-
 def test_large_churn_warns_of_drift(repo: Path, tmp_path: Path) -> None:
     store = tmp_path / "elsewhere" / "wiki.sqlite3"
     env = ENV | {"OSTREL_WIKI_STORE": str(store)}
     run(repo, "plan", env=env)
-    assert store.is_file() and not (repo / ".ostrel-wiki").exists()
+    assert store.is_file() and not (repo / STORE).exists()
     for rel in ("core/a.py", "core/b.py", "net/http.c", "net/http.h", "util/x.go", "util/y.go"):
         (repo / rel).unlink()
     write(repo, {f"{d}/m{i}.py": py(1) for d in ("alpha", "beta", "gamma") for i in range(2)})
     commit(repo)
     done = run(repo, "plan", env=env)
     warnings = [line for line in done.stderr.splitlines() if "warning" in line]
-    assert len(warnings) == 1 and "replan" in warnings[0]
+    assert len(warnings) == 1 and "`ostrel-wiki --replan`" in warnings[0]
     assert "Drift:" in done.stdout
-    assert "retire  module-core" in done.stdout
+    assert "retire  module-net" in done.stdout
+    # The advice works as given: a replan, and no warning after it.
+    replanned = run(repo, "--replan", "--json", env=env)
+    assert json.loads(replanned.stdout)["replan"] and "warning" not in replanned.stderr
 
 
 def test_replan_maps_old_pages_to_new_ids(repo: Path) -> None:
@@ -207,7 +180,7 @@ def test_replan_maps_old_pages_to_new_ids(repo: Path) -> None:
         {
             "action": "remap",
             "page_id": "module-tools",
-            "reason": "prose carried from module-additional",
+            "reason": "takes the place of module-additional (no text to carry)",
             "from": "module-additional",
             "level": "module",
         }
@@ -226,7 +199,7 @@ def test_saved_page_shows_its_stale_section_after_an_edit(repo: Path) -> None:
     saved = json.loads(run(repo, "save", "module-core", str(body), "--json").stdout)
     assert saved["citations"] == 3
     assert [s["heading"] for s in saved["sections"]] == ["", "Loading", "Saving"]
-    page = repo / "memory/lorebook/trunk/pages/module-core.md"
+    page = repo / WIKI / "pages/module-core.md"
     assert page.read_text(encoding="utf-8") == BODY
     # A family part is saved too; saving it must not unsettle its family.
     run(repo, "save", "module-big-part-f00", str(body))
@@ -285,7 +258,7 @@ def test_plain_directory_is_walked(tmp_path: Path) -> None:
     report = plan(root)
     assert report["branch"] == "main"
     assert ids(report) == ["overview", "module-app"]
-    assert (root / "memory/lorebook/main/plan-log.jsonl").is_file()
+    assert (root / ".ostrel-wiki/wiki/main/plan-log.jsonl").is_file()
     # The wiki's own output is never part of what it documents.
     write(root, {".ostrel-wiki.toml": '[[page]]\ntitle = "All"\nfiles = ["**"]\n'})
     pages = {p["page_id"]: p for p in plan(root)["pages"]}
@@ -317,7 +290,7 @@ def test_bad_input_is_one_line_and_writes_nothing(repo: Path, tmp_path: Path) ->
 
 
 def test_store_from_a_newer_release_is_refused_untouched(repo: Path) -> None:
-    store = repo / ".ostrel-wiki" / "store.sqlite3"
+    store = repo / STORE
     store.parent.mkdir()
     conn = sqlite3.connect(store)
     conn.execute("PRAGMA user_version = 99")
@@ -331,8 +304,8 @@ def test_store_from_a_newer_release_is_refused_untouched(repo: Path) -> None:
 @pytest.fixture
 def read_only(repo: Path) -> Iterator[Path]:
     run(repo, "plan")
-    store_dir = repo / ".ostrel-wiki"
-    store = store_dir / "store.sqlite3"
+    store = repo / STORE
+    store_dir = store.parent
     store.chmod(0o444)
     store_dir.chmod(0o555)
     try:
@@ -360,31 +333,90 @@ def test_read_only_store_is_refused(repo: Path, read_only: Path) -> None:
     assert snapshot(repo.parent) == before
 
 
-def test_failing_store_write_leaves_no_trace(
-    repo: Path, monkeypatch: pytest.MonkeyPatch, capsys: pytest.CaptureFixture[str]
-) -> None:
-    """The same refusal in-process, as a store that fails on write (for a user
-    whom file modes do not stop)."""
-    from malde_ostrel.workers.wiki import cli, store
+def test_works_from_a_subdirectory_and_keeps_out_of_the_work_tree(repo: Path) -> None:
+    sub = repo / "core"
+    assert "module-core" in run(repo, "plan", cwd=sub).stdout
+    assert (repo / STORE).is_file() and not (sub / ".ostrel-wiki").exists()
+    status = subprocess.run(["git", "status", "--porcelain"], cwd=repo, capture_output=True, text=True)
+    assert status.stdout == ""
+    # A closed output pipe ends the run quietly.
+    done = subprocess.run(f"{sys.executable} -P -m malde_ostrel.workers.wiki plan | head -c 10",
+                          shell=True, cwd=sub, env=ENV, capture_output=True, text=True)
+    assert done.stderr == "" and len(done.stdout) == 10
+    body = repo.parent / "empty.md"
+    body.write_text("\n")
+    one_error_line(run(repo, "save", "module-core", str(body), code=1, cwd=sub), "--allow-empty")
+    body.write_text(BODY)
+    run(repo, "save", "module-core", str(body), cwd=sub)
+    shown = run(repo, "show", "module-core", cwd=sub).stdout
+    assert "file  core/a.py" in shown and "## Loading" in shown
 
-    run(repo, "plan")
-    body = repo.parent / "core.md"
-    body.write_text(BODY, encoding="utf-8")
-    write(repo, {"extra/a.py": "", "extra/b.py": ""})
-    (repo / "util/x.go").unlink()
-    (repo / "util/y.go").unlink()
+
+def test_branches_are_planned_from_their_own_tree(repo: Path) -> None:
+    git(repo, "checkout", "-qb", "feature")
+    write(repo, {"only/here.py": py(1), "only/there.py": py(1)})
     commit(repo)
-    capsys.readouterr()
+    git(repo, "checkout", "-q", "trunk")
+    feature = plan(repo, "--branch", "feature")
+    assert feature["branch"] == "feature" and "module-only" in ids(feature)
+    assert "module-only" not in ids(plan(repo))
+    one_error_line(run(repo, "--branch", "nope", "plan", code=1), "nope")
+    git(repo, "checkout", "-q", "--detach")
+    one_error_line(run(repo, "plan", code=1), "--branch")
+
+
+def _set_field(value: str) -> Any:
+    def damage(store: Path) -> None:
+        conn = sqlite3.connect(store, isolation_level=None)
+        conn.execute("UPDATE wiki_pages SET source_files = ? WHERE page_id = 'module-core'", (value,))
+        conn.execute("PRAGMA wal_checkpoint(TRUNCATE)")
+        conn.close()
+    return damage
+
+
+def _malformed(store: Path) -> None:
+    conn = sqlite3.connect(store, isolation_level=None)
+    conn.execute("PRAGMA wal_checkpoint(TRUNCATE)")
+    conn.close()
+    with store.open("r+b") as file:
+        file.seek(4096 * 2)
+        file.write(b"\x0d\xff\xff\xff" * 400)
+
+
+@pytest.mark.parametrize(
+    ("damage", "fragment"),
+    [
+        (_set_field("not json"), "page module-core of branch trunk has a malformed source_files"),
+        (_set_field("null"), "malformed source_files"),
+        (_set_field("3"), "malformed source_files"),
+        (lambda store: store.write_bytes(b""), "is empty (0 bytes)"),
+        (_malformed, "is damaged (database disk image is malformed)"),
+    ],
+)
+def test_damaged_store_gets_one_line_then_doctor_repairs(repo: Path, damage: Any, fragment: str) -> None:
+    run(repo, "plan")
+    store = repo / STORE
+    damage(store)
     before = snapshot(repo.parent)
-
-    def refuse(*args: object, **kwargs: object) -> None:
-        raise sqlite3.OperationalError("attempt to write a readonly database")
-
-    monkeypatch.setattr(store.Repository, "upsert_wiki_page", refuse)
-    monkeypatch.setattr(store.Repository, "delete_wiki_page", refuse)
-    for args in (["plan"], ["save", "module-core", str(body)]):
-        assert cli.main(["--repo", str(repo), *args]) == 1
-        err = capsys.readouterr().err.splitlines()
-        assert len(err) == 1 and "readonly database" in err[0], err
+    for args in (["plan"], ["status"]):
+        done = run(repo, *args, code=1)
+        one_error_line(done, fragment)
+        assert str(store) in done.stderr and "doctor" in done.stderr
     assert snapshot(repo.parent) == before
-    assert not (repo / "memory/lorebook/trunk/pages").exists()
+    assert "repaired:" in run(repo, "doctor").stdout
+    run(repo, "plan")
+    assert "no problems found" in run(repo, "doctor").stdout
+
+
+def test_unreadable_log_line_is_skipped_and_set_aside(repo: Path) -> None:
+    run(repo, "plan")
+    log = repo / WIKI / "plan-log.jsonl"
+    with log.open("ab") as file:
+        file.write(b"\xff\xfe not a record\n")
+    write(repo, {"extra/a.py": "", "extra/b.py": ""})
+    commit(repo)
+    assert "module-extra" in run(repo, "plan").stdout
+    done = run(repo, "log")
+    assert "line(s) 2" in done.stderr and "module-extra" in done.stdout
+    run(repo, "doctor")
+    assert run(repo, "log").stderr == "" and b"not a record" in log.with_name("plan-log.jsonl.bad").read_bytes()

@@ -73,12 +73,15 @@ class TestRows:
         assert row == {"page_id": "a", "title": "A", "description": "", "importance": "medium",
                        "level": "module", "parent_section": None, "rel_path": "",
                        "source_files": ["x/é.c"], "source_hashes": {"x/é.c": "1f", "gone.c": None},
-                       "related_pages": ["c"], "status": "stale", "page_type": "", "content_hash": "",
+                       "related_pages": [], "status": "stale", "page_type": "", "content_hash": "",
                        "build_cache": cache, "agent_title": ""}
         assert rows["a"]["updated_at"].endswith("Z") and repo.row("main", "zz") is None
         assert repo.branches() == ["dev", "main"]
         repo.delete_wiki_page("main", "a")
         assert list(repo.rows("main")) == ["B", "b"] and list(repo.rows("dev")) == ["a"]
+        # Only a row without files (a family parent) records related pages.
+        repo.upsert_wiki_page("main", "p", "P", related_pages=["b"])
+        assert repo.row("main", "p")["related_pages"] == ["b"]  # type: ignore[index]
 
     def test_update_changes_only_given_columns_and_time(self, db: Database) -> None:
         repo = Repository(db)

@@ -7,9 +7,11 @@ and the save path for a page's prose. ``WikiGenerator`` adds the mixin.
 
 from __future__ import annotations
 
+from collections.abc import Callable
 from pathlib import Path
 from typing import TYPE_CHECKING, Any
 
+from malde_ostrel.workers.wiki.journal import Journal, temp_beside
 from malde_ostrel.workers.wiki.page_retirement import PageRetirementMixin
 from malde_ostrel.workers.wiki.plan_record import PlanRecordMixin
 from malde_ostrel.workers.wiki.repo_facts import _norm, _text_hash, file_hash
@@ -43,8 +45,10 @@ class GeneratorBase(PageRetirementMixin, SteeringMixin):
         branch: str,
         pages_dir: Path,
         steering_text: str | None = None,
+        hasher: Callable[[list[str]], dict[str, str | None]] | None = None,
     ) -> None:
         self.repo_root = repo_root
+        self.hasher = hasher
         self.repository = repository
         self.branch = branch
         self.pages_dir = pages_dir
@@ -65,8 +69,11 @@ class GeneratorBase(PageRetirementMixin, SteeringMixin):
         """The content hash of each repository path; None for a missing file.
 
         A path that names a directory or leads out of the repository counts as
-        missing, so a stray citation never reads outside the checkout.
+        missing, so a stray citation never reads outside the checkout. With a
+        ``hasher`` (the repository snapshot's) every hash comes from it.
         """
+        if self.hasher is not None:
+            return self.hasher(list(paths))
         return {path: self._file_hash(path) for path in paths}
 
     def _file_hash(self, path: str) -> str | None:
@@ -96,28 +103,39 @@ class GeneratorBase(PageRetirementMixin, SteeringMixin):
         """
         if citations is None:
             citations = prose_citations(body)
-        self.pages_dir.mkdir(parents=True, exist_ok=True)
-        (self.pages_dir / f"{plan.page_id}.md").write_text(body, encoding="utf-8")
+        target = self.pages_dir / f"{plan.page_id}.md"
         cache = self._section_cache(body, citations)
-        with self.repository.db.transaction():
-            stored = self.repository.row(self.branch, plan.page_id)
-            recorded: list[str] = list(stored["source_files"]) if stored else []
-            if plan.source_files or plan.children:
-                source_files = plan.stored_source_files()
-            else:
-                source_files = recorded
-            self.repository.upsert_wiki_page(
-                self.branch,
-                plan.page_id,
-                plan.title,
-                **page_columns(plan),
-                source_files=source_files,
-                source_hashes=self._hashes_with_steering(plan.source_files or recorded),
-                related_pages=plan.children or plan.related_pages,
-                status="fresh",
-                content_hash=_text_hash(body),
-                build_cache=cache,
-            )
+        # The body goes to a file beside its place first; the row and the move
+        # into place are one commit, and the move itself follows it (the
+        # journal finishes it should this process stop in between).
+        temp = temp_beside(target, body.encode("utf-8", "surrogatepass"))
+        journal = Journal(self.repository.db)
+        try:
+            with self.repository.db.transaction():
+                stored = self.repository.row(self.branch, plan.page_id)
+                recorded: list[str] = list(stored["source_files"]) if stored else []
+                if plan.source_files or plan.children:
+                    source_files = plan.stored_source_files()
+                else:
+                    source_files = recorded
+                self.repository.upsert_wiki_page(
+                    self.branch,
+                    plan.page_id,
+                    plan.title,
+                    **page_columns(plan),
+                    source_files=source_files,
+                    source_hashes=self._hashes_with_steering(plan.source_files or recorded),
+                    related_pages=plan.children,
+                    status="fresh",
+                    content_hash=_text_hash(body),
+                    build_cache=cache,
+                )
+                journal.move(temp, target)
+        except BaseException:
+            temp.unlink(missing_ok=True)
+            raise
+        if not self.repository.db.in_transaction:
+            journal.replay()  # else the caller's commit comes first, then its replay
         self.reload()
         return self._existing[plan.page_id]
 

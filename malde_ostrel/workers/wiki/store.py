@@ -4,7 +4,14 @@
 connections never wait on a writer, autocommit outside explicit transactions,
 and ``transaction()`` for atomic groups of writes (nestable through savepoints).
 ``Repository`` reads and writes the ``wiki_pages`` rows; list and mapping
-columns are held as JSON text and handed back decoded.
+columns are held as JSON text and handed back decoded, and a field that does
+not decode to its kind is reported as a ``StoreError`` naming the page.
+
+Beside the rows the store keeps, per branch, the commit the plan was last made
+at (``plan_commits``), the texts of pages that left the plan (``archive``), and
+a journal of the file work that follows a committed transaction (``journal``:
+audit log records to append, page files to move into place), so that a run
+killed after its commit is finished by the next run, once.
 """
 
 from __future__ import annotations
@@ -18,7 +25,7 @@ from pathlib import Path
 from types import TracebackType
 from typing import Any, Final
 
-SCHEMA_VERSION: Final = 1
+SCHEMA_VERSION: Final = 2
 BUSY_TIMEOUT_MS: Final = 5000
 
 # Time of a write, as SQLite makes it: ISO 8601 in UTC with milliseconds.
@@ -59,6 +66,34 @@ _MIGRATIONS: Final[tuple[tuple[str, ...], ...]] = (
         END
         """,
     ),
+    (
+        "CREATE TABLE plan_commits (branch TEXT PRIMARY KEY, commit_id TEXT NOT NULL)",
+        """
+        CREATE TABLE archive (
+            id          INTEGER PRIMARY KEY,
+            branch      TEXT NOT NULL,
+            page_id     TEXT NOT NULL,
+            title       TEXT NOT NULL DEFAULT '',
+            body        TEXT NOT NULL,
+            files       TEXT NOT NULL DEFAULT '[]',
+            reason      TEXT NOT NULL DEFAULT '',
+            carried_to  TEXT,
+            open        INTEGER NOT NULL DEFAULT 1,
+            archived_at TEXT NOT NULL
+        )
+        """,
+        # Rows with files never list related pages (those name a parent's children).
+        "UPDATE wiki_pages SET related_pages = '[]' "
+        "WHERE source_files NOT IN ('[]', '') AND related_pages NOT IN ('[]', '')",
+        """
+        CREATE TABLE journal (
+            id      INTEGER PRIMARY KEY,
+            kind    TEXT NOT NULL,
+            target  TEXT NOT NULL,
+            payload TEXT NOT NULL
+        )
+        """,
+    ),
 )
 assert len(_MIGRATIONS) == SCHEMA_VERSION
 
@@ -81,13 +116,28 @@ _COLUMNS: Final = (
     "agent_title",
     "updated_at",
 )
-_JSON_COLUMNS: Final = frozenset({"source_files", "source_hashes", "related_pages", "build_cache"})
+# The JSON columns and the kind of value each must decode to.
+_JSON_KINDS: Final[dict[str, type]] = {
+    "source_files": list,
+    "source_hashes": dict,
+    "related_pages": list,
+    "build_cache": dict,
+}
+_JSON_COLUMNS: Final = frozenset(_JSON_KINDS)
 # Columns a caller may set by keyword; keys and the write time are the store's.
 _WRITABLE: Final = frozenset(_COLUMNS) - {"page_id", "title", "updated_at"}
 
 
 class StoreError(Exception):
     """The page store file cannot be used by this code."""
+
+
+DOCTOR_HINT: Final = "run `ostrel-wiki doctor` to check and repair it (it keeps a backup)"
+
+
+def damaged(path: Path, exc: sqlite3.DatabaseError) -> StoreError:
+    """The one-line report of a store file SQLite cannot read."""
+    return StoreError(f"page store {path} is damaged ({exc}); {DOCTOR_HINT}")
 
 
 class Database:
@@ -102,7 +152,8 @@ class Database:
     def open(cls, path: Path | str) -> Database:
         """Open (creating it and its directories if need be) and migrate a store file."""
         path = Path(path)
-        path.parent.mkdir(parents=True, exist_ok=True)
+        if str(path) != ":memory:":
+            path.parent.mkdir(parents=True, exist_ok=True)
         conn = sqlite3.connect(path, timeout=BUSY_TIMEOUT_MS / 1000, isolation_level=None)
         try:
             conn.execute(f"PRAGMA busy_timeout = {BUSY_TIMEOUT_MS}")
@@ -111,7 +162,7 @@ class Database:
             _migrate(conn, path)
         except sqlite3.DatabaseError as exc:
             conn.close()
-            raise StoreError(f"cannot open page store {path}: {exc}") from exc
+            raise damaged(path, exc) from exc
         except BaseException:
             conn.close()
             raise
@@ -150,6 +201,10 @@ class Database:
             if self._conn.in_transaction:
                 self._conn.execute("ROLLBACK")
             raise
+
+    @property
+    def in_transaction(self) -> bool:
+        return self._conn.in_transaction
 
     def close(self) -> None:
         """Close the connection; an open transaction is rolled back."""
@@ -217,6 +272,11 @@ class Repository:
         unknown = sorted(set(columns) - _WRITABLE)
         if unknown:
             raise ValueError(f"unknown wiki page column(s): {', '.join(unknown)}")
+        if columns.get("source_files") and columns.get("related_pages"):
+            # A row's related pages are the children of a family parent, which
+            # owns no files; a page with files (a family part carrying a
+            # back-link to its parent) records none, or it would read as a parent.
+            columns["related_pages"] = []
         names = ["title", *columns]
         values = [title, *(_encode(name, value) for name, value in columns.items())]
         updates = ", ".join(f"{name} = excluded.{name}" for name in [*names, "updated_at"])
@@ -233,7 +293,7 @@ class Repository:
             f"SELECT {', '.join(_COLUMNS)} FROM wiki_pages WHERE branch = ? ORDER BY page_id",
             (branch,),
         )
-        return {row["page_id"]: row for row in (_decode(raw) for raw in cursor)}
+        return {row["page_id"]: row for row in (self._decode(branch, raw) for raw in cursor)}
 
     def row(self, branch: str, page_id: str) -> dict[str, Any] | None:
         """One page row, or None when the branch has no such page."""
@@ -241,7 +301,7 @@ class Repository:
             f"SELECT {', '.join(_COLUMNS)} FROM wiki_pages WHERE branch = ? AND page_id = ?",
             (branch, page_id),
         ).fetchone()
-        return None if raw is None else _decode(raw)
+        return None if raw is None else self._decode(branch, raw)
 
     def delete_wiki_page(self, branch: str, page_id: str) -> None:
         self.db.execute("DELETE FROM wiki_pages WHERE branch = ? AND page_id = ?", (branch, page_id))
@@ -252,12 +312,125 @@ class Repository:
         return [str(branch) for (branch,) in cursor]
 
 
+    def _decode(self, branch: str, raw: Sequence[Any]) -> dict[str, Any]:
+        row: dict[str, Any] = dict(zip(_COLUMNS, raw, strict=True))
+        for name, kind in _JSON_KINDS.items():
+            value = decode_json(row[name])
+            if not isinstance(value, kind):
+                raise StoreError(
+                    f"page store {self.db.path}: page {row['page_id']} of branch {branch} "
+                    f"has a malformed {name} field; {DOCTOR_HINT}"
+                )
+            row[name] = value
+        return row
+
+    def raw_rows(self) -> list[tuple[str, str, dict[str, Any]]]:
+        """Every row of every branch undecoded: (branch, page id, columns)."""
+        cursor = self.db.execute(f"SELECT branch, {', '.join(_COLUMNS)} FROM wiki_pages")
+        return [(raw[0], raw[1], dict(zip(_COLUMNS, raw[1:], strict=True))) for raw in cursor]
+
+    def repair_row(self, branch: str, page_id: str) -> list[str]:
+        """Reset the JSON fields of one row that do not decode to their kind, and
+        mark the page to write; the names of the fields reset."""
+        raw = self.db.execute(
+            f"SELECT {', '.join(_JSON_COLUMNS)} FROM wiki_pages WHERE branch = ? AND page_id = ?",
+            (branch, page_id),
+        ).fetchone()
+        bad = [
+            name
+            for name, value in zip(_JSON_COLUMNS, raw or (), strict=False)
+            if not isinstance(decode_json(value), _JSON_KINDS[name])
+        ]
+        for name in bad:
+            value: Any = _JSON_KINDS[name]()
+            if name == "source_hashes":
+                value = {STALE_MARK_KEY: "pending"}
+            self.db.execute(
+                f"UPDATE wiki_pages SET {name} = ? WHERE branch = ? AND page_id = ?",
+                (json.dumps(value), branch, page_id),
+            )
+        return bad
+
+    # ------------------------------------------------------------ plan commits
+
+    def plan_commit(self, branch: str) -> str | None:
+        """The commit the branch's plan was last made at, if known."""
+        raw = self.db.execute(
+            "SELECT commit_id FROM plan_commits WHERE branch = ?", (branch,)
+        ).fetchone()
+        return None if raw is None else str(raw[0])
+
+    def set_plan_commit(self, branch: str, commit: str) -> None:
+        self.db.execute(
+            "INSERT INTO plan_commits (branch, commit_id) VALUES (?, ?) "
+            "ON CONFLICT (branch) DO UPDATE SET commit_id = excluded.commit_id",
+            (branch, commit),
+        )
+
+
+    # ------------------------------------------------------------ archive
+
+    def archive_text(
+        self,
+        branch: str,
+        page_id: str,
+        title: str,
+        body: str,
+        files: list[str],
+        reason: str,
+        carried_to: str | None,
+    ) -> int:
+        """Keep the text of a page that left the plan; its archive id."""
+        cursor = self.db.execute(
+            "INSERT INTO archive (branch, page_id, title, body, files, reason, carried_to, "
+            f"open, archived_at) VALUES (?, ?, ?, ?, ?, ?, ?, 1, {_NOW_SQL})",
+            (branch, page_id, title, body, json.dumps(files), reason, carried_to),
+        )
+        return int(cursor.lastrowid or 0)
+
+    def archived(self, branch: str) -> list[dict[str, Any]]:
+        """The branch's archived texts, oldest first."""
+        cursor = self.db.execute(
+            "SELECT id, page_id, title, body, files, reason, carried_to, open, archived_at "
+            "FROM archive WHERE branch = ? ORDER BY id",
+            (branch,),
+        )
+        names = ("id", "page_id", "title", "body", "files", "reason", "carried_to", "open", "at")
+        entries = [dict(zip(names, raw, strict=True)) for raw in cursor]
+        for entry in entries:
+            files = decode_json(entry["files"])
+            entry["files"] = [str(f) for f in files] if isinstance(files, list) else []
+            entry["open"] = bool(entry["open"])
+        return entries
+
+    def settle_archive(self, branch: str, *, carried_to: str | None = None,
+                       entry: int | None = None, to: str | None = None) -> None:
+        """Close the entries carried into ``carried_to`` (its page was written
+        again), or close one entry, recording where it went."""
+        if entry is not None:
+            self.db.execute(
+                "UPDATE archive SET open = 0, carried_to = ? WHERE branch = ? AND id = ?",
+                (to, branch, entry),
+            )
+        elif carried_to is not None:
+            self.db.execute(
+                "UPDATE archive SET open = 0 WHERE branch = ? AND carried_to = ?",
+                (branch, carried_to),
+            )
+
+
+STALE_MARK_KEY: Final = "__stale__"
+
+
+def decode_json(text: Any) -> Any:
+    """The value of a JSON text; None when it is not JSON text at all."""
+    if not isinstance(text, str):
+        return None
+    try:
+        return json.loads(text)
+    except ValueError:
+        return None
+
+
 def _encode(name: str, value: Any) -> Any:
     return json.dumps(value) if name in _JSON_COLUMNS else value
-
-
-def _decode(raw: Sequence[Any]) -> dict[str, Any]:
-    row: dict[str, Any] = dict(zip(_COLUMNS, raw, strict=True))
-    for name in _JSON_COLUMNS:
-        row[name] = json.loads(row[name])
-    return row
