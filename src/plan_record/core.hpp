@@ -10,6 +10,7 @@
 #include <initializer_list>
 #include <new>
 #include <utility>
+#include <vector>
 
 namespace plan_record {
 
@@ -131,6 +132,27 @@ int boundary_status(Body&& body) noexcept {
     return Ref::borrow(Py_None);
   }));
   return done ? 0 : -1;
+}
+
+// Builders: a new tuple or list holding new references to the given items,
+// filled before any other code can see it.
+inline Ref tuple_of(std::initializer_list<PyObject*> items) {
+  Ref tuple = check(PyTuple_New(static_cast<Py_ssize_t>(items.size())));
+  Py_ssize_t i = 0;
+  for (PyObject* item : items) PyTuple_SET_ITEM(tuple.get(), i++, Py_NewRef(item));
+  return tuple;
+}
+inline Ref list_of(std::initializer_list<PyObject*> items) {
+  Ref list = check(PyList_New(static_cast<Py_ssize_t>(items.size())));
+  Py_ssize_t i = 0;
+  for (PyObject* item : items) PyList_SET_ITEM(list.get(), i++, Py_NewRef(item));
+  return list;
+}
+inline Ref list_of(const std::vector<Ref>& items) {
+  Ref list = check(PyList_New(static_cast<Py_ssize_t>(items.size())));
+  Py_ssize_t i = 0;
+  for (const Ref& item : items) PyList_SET_ITEM(list.get(), i++, Py_NewRef(item.get()));
+  return list;
 }
 
 }  // namespace plan_record

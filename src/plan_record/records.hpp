@@ -67,17 +67,20 @@ void for_each(PyObject* iterable, Body&& body) {
   while (Ref item = next(it.get())) body(item.get());
 }
 
-// Walk an exact dict in place; like the dict's own iterator, refuse to go on
-// once its size changed.
+// Walk an exact dict in place with the checks of the dict's own iterator: it
+// refuses to go on once the size changed, and to yield more entries than the
+// dict held when the walk began (keys deleted and others added meanwhile).
 template <class Body>
 void walk_dict(PyObject* dict, Body&& body) {
   const Py_ssize_t size = PyDict_GET_SIZE(dict);
+  Py_ssize_t remaining = size;
   Py_ssize_t pos = 0;
   PyObject* key;
   PyObject* value;
   while (true) {
     if (PyDict_GET_SIZE(dict) != size) raise(PyExc_RuntimeError, "dictionary changed size during iteration");
     if (!PyDict_Next(dict, &pos, &key, &value)) break;
+    if (remaining-- == 0) raise(PyExc_RuntimeError, "dictionary keys changed during iteration");
     Ref k = Ref::borrow(key);
     Ref v = Ref::borrow(value);
     body(k.get(), v.get());

@@ -165,7 +165,17 @@ namespace plan_record {
   X(stale_sections_key, "stale_sections")             \
   X(removed, "removed")                               \
   X(modified, "modified")                             \
-  X(section_map, "section_map")
+  X(section_map, "section_map")                      \
+  /* record equality and build order */               \
+  X(dunder_eq, "__eq__")                              \
+  X(dunder_class, "__class__")                        \
+  X(dunder_getitem, "__getitem__")                    \
+  X(co_names, "co_names")                             \
+  X(co_consts, "co_consts")                           \
+  X(co_filename, "co_filename")                       \
+  X(co_qualname, "co_qualname")                       \
+  X(dunder_dataclass_params, "__dataclass_params__")  \
+  X(NotImplemented, "NotImplemented")
 
 struct Names {
 #define PLAN_RECORD_NAME_FIELD(field, literal) PyObject* field;
