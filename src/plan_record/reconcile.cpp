@@ -2,6 +2,8 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <charconv>
+#include <cstring>
 #include <optional>
 #include <unordered_set>
 #include <vector>
@@ -26,37 +28,67 @@ bool text_is(PyObject* o, const char* ascii) {
 }
 
 // ----------------------------------------------------------------------------
+// Plain records: attribute reads that run no Python code
+
+// Whether reading the attributes `fields` of an instance of exactly `type_obj`
+// runs no Python code: a heap class of metaclass `type` whose MRO is (itself,
+// object), with the default attribute access (no `__getattribute__` or
+// `__getattr__`), none of the fields a descriptor of the class or of `object`.
+// Such a read looks in the instance and then takes a plain class default, or
+// fails with AttributeError. `required` gets the fields without a class
+// default (a read of the others never fails).
+bool plain_record_class(PyObject* type_obj, PyObject* fields, std::vector<PyObject*>* required = nullptr) {
+  if (!PyType_Check(type_obj) || Py_TYPE(type_obj) != &PyType_Type) return false;
+  auto* type = reinterpret_cast<PyTypeObject*>(type_obj);
+  if (!(type->tp_flags & Py_TPFLAGS_HEAPTYPE) || type->tp_getattro != PyObject_GenericGetAttr) return false;
+  PyObject* mro = type->tp_mro;
+  if (!mro || PyTuple_GET_SIZE(mro) != 2 || PyTuple_GET_ITEM(mro, 0) != type_obj ||
+      PyTuple_GET_ITEM(mro, 1) != reinterpret_cast<PyObject*>(&PyBaseObject_Type)) {
+    return false;
+  }
+  Ref own = check(PyType_GetDict(type));
+  Ref base = check(PyType_GetDict(&PyBaseObject_Type));
+  for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(fields); ++i) {
+    PyObject* field = PyTuple_GET_ITEM(fields, i);
+    if (!PyUnicode_CheckExact(field) || dict_find(base.get(), field)) return false;
+    Ref on_class = dict_find(own.get(), field);
+    if (on_class && Py_TYPE(on_class.get())->tp_descr_get) return false;
+    if (!on_class && required) required->push_back(field);
+  }
+  return true;
+}
+
+// An attribute of a plain record (above), or an empty Ref when it is missing.
+Ref plain_attribute(PyObject* record, PyObject* field) {
+  Ref value = Ref::steal_maybe(PyObject_GetAttr(record, field));
+  if (!value) {
+    if (!PyErr_ExceptionMatches(PyExc_AttributeError)) raise();
+    PyErr_Clear();
+  }
+  return value;
+}
+
+// ----------------------------------------------------------------------------
 // Record equality
 
 // When `member == plan` is known to be false without calling the record's
 // `__eq__`. The record type's `__eq__` counts as the one the dataclass machinery
-// generates when: the type is a heap class of metaclass `type`, its MRO is
-// (itself, object) and its attribute access the default one (no
-// `__getattribute__` or `__getattr__`); its own dict holds
-// `__dataclass_params__`, no `__class__`, and as `__eq__` a plain function
-// qualified `<Class>.__eq__` whose code is the generated one's (file
-// "<string>", code qualname "__create_fn__.<locals>.__eq__", arguments (self,
-// other), no free variables, constants (None,), names `__class__`, then the
-// compared fields with `page_id` first, then `NotImplemented`); and no compared
-// field is a descriptor of the class or of `object`. That function returns
-// `(self.f1, ...) == (other.f1, ...)` for two instances of the very class, and
-// the tuples' comparison stops at the first differing field: for two instances
-// of exactly that type whose fields all read (from the instance or a plain class
-// default) and whose page ids are different exact texts it returns False, and
-// no Python code runs on the way.
+// generates when the type is a plain record class (above) for its compared
+// fields, its own dict holds `__dataclass_params__` and no `__class__`, and its
+// `__eq__` there is a plain function qualified `<Class>.__eq__` whose code is the
+// generated one's: file "<string>", code qualname "__create_fn__.<locals>.__eq__",
+// arguments (self, other), no free variables, constants (None,), names
+// `__class__`, the compared fields with `page_id` first, `NotImplemented`. That
+// function returns `(self.f1, ...) == (other.f1, ...)` for two instances of the
+// very class, and the tuples' comparison stops at the first differing field: for
+// two instances of exactly that type whose fields all read and whose page ids
+// are different exact texts it returns False, and no Python code runs on the way.
 class RecordEquality {
  public:
   RecordEquality(const Names& n, PyObject* record_type) {
-    if (!PyType_Check(record_type) || Py_TYPE(record_type) != &PyType_Type) return;
+    if (!PyType_Check(record_type)) return;
     auto* type = reinterpret_cast<PyTypeObject*>(record_type);
-    if (!(type->tp_flags & Py_TPFLAGS_HEAPTYPE) || type->tp_getattro != PyObject_GenericGetAttr) return;
-    PyObject* mro = type->tp_mro;
-    if (!mro || PyTuple_GET_SIZE(mro) != 2 || PyTuple_GET_ITEM(mro, 0) != record_type ||
-        PyTuple_GET_ITEM(mro, 1) != reinterpret_cast<PyObject*>(&PyBaseObject_Type)) {
-      return;
-    }
     Ref own = check(PyType_GetDict(type));
-    Ref base = check(PyType_GetDict(&PyBaseObject_Type));
     if (!dict_find(own.get(), n.dunder_dataclass_params) || dict_find(own.get(), n.dunder_class)) return;
     Ref eq = dict_find(own.get(), n.dunder_eq);
     if (!eq || !PyFunction_Check(eq.get())) return;
@@ -91,12 +123,7 @@ class RecordEquality {
       return;
     }
     Ref fields = check(PyTuple_GetSlice(names.get(), 1, count - 1));
-    for (Py_ssize_t i = 0; i < count - 2; ++i) {
-      PyObject* field = PyTuple_GET_ITEM(fields.get(), i);
-      if (!PyUnicode_CheckExact(field) || dict_find(base.get(), field)) return;
-      Ref on_class = dict_find(own.get(), field);
-      if (on_class && Py_TYPE(on_class.get())->tp_descr_get) return;
-    }
+    if (!plain_record_class(record_type, fields.get(), &required_)) return;
     type_ = type;
     type_ref_ = Ref::borrow(record_type);
     fields_ = std::move(fields);
@@ -105,27 +132,23 @@ class RecordEquality {
   explicit operator bool() const noexcept { return static_cast<bool>(fields_); }
 
   // The page id of `o` when it is a plain instance: of exactly the record type,
-  // every compared field readable, the page id an exact text. Reading runs no
-  // Python code (default attribute access, no descriptors).
+  // every compared field readable (those without a class default are read),
+  // the page id an exact text. Reading runs no Python code.
   Ref plain_id(PyObject* o) const {
     if (Py_TYPE(o) != type_) return Ref();
-    Ref id;
-    for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(fields_.get()); ++i) {
-      Ref value = Ref::steal_maybe(PyObject_GetAttr(o, PyTuple_GET_ITEM(fields_.get(), i)));
-      if (!value) {
-        if (!PyErr_ExceptionMatches(PyExc_AttributeError)) raise();
-        PyErr_Clear();
-        return Ref();
-      }
-      if (i == 0) id = std::move(value);
+    Ref id = plain_attribute(o, PyTuple_GET_ITEM(fields_.get(), 0));
+    if (!id || !PyUnicode_CheckExact(id.get())) return Ref();
+    for (PyObject* field : required_) {
+      if (!plain_attribute(o, field)) return Ref();
     }
-    return PyUnicode_CheckExact(id.get()) ? id : Ref();
+    return id;
   }
 
  private:
   PyTypeObject* type_ = nullptr;
   Ref type_ref_;
-  Ref fields_;  // the compared field names, page_id first
+  Ref fields_;                      // the compared field names, page_id first
+  std::vector<PyObject*> required_;  // those without a class default (borrowed from fields_)
 };
 
 // `plan in fresh_modules` by the record's equality: `member == plan` for each
@@ -152,8 +175,7 @@ class Membership {
         first_odd_ = std::min(first_odd_, i);
         continue;
       }
-      Ref at = check(PyLong_FromSsize_t(i));
-      if (!PyDict_SetDefault(first_by_id_.get(), id.get(), at.get())) raise();
+      if (!PyDict_SetDefault(first_by_id_.get(), id.get(), PyList_GET_ITEM(members, i))) raise();
     }
     indexed_ = true;
   }
@@ -165,7 +187,11 @@ class Membership {
     indexed_ = false;
     if (!id) return literal_from(plan, 0);
     Py_ssize_t start = first_odd_;
-    if (Ref same = dict_find(first_by_id_.get(), id.get())) start = std::min(start, PyLong_AsSsize_t(same.get()));
+    if (Ref same = dict_find(first_by_id_.get(), id.get())) {
+      Py_ssize_t at = 0;
+      while (PyList_GET_ITEM(members_, at) != same.get()) ++at;
+      start = std::min(start, at);
+    }
     // Members before `start` compare unequal without running Python code.
     indexed_ = start == PyList_GET_SIZE(members_);
     return literal_from(plan, start);
@@ -186,19 +212,46 @@ class Membership {
   std::unordered_set<PyObject*> identities_;
   std::optional<RecordEquality> equality_;
   bool indexed_ = false;     // no Python code ran since the index was built
-  Ref first_by_id_;          // page id -> position of its first plain member
+  Ref first_by_id_;          // page id -> its first plain member
   Py_ssize_t first_odd_ = 0;  // position of the first member that is not plain
 };
 
-// The stored files of a row that still exist, sorted; duplicates stay.
+// `sorted(items)` as a new list.
+Ref sorted_texts(const std::vector<Ref>& items) {
+  Ref list = list_of(items);
+  check(PyList_Sort(list.get()));
+  return list;
+}
+
+// `path in paths`, directly for an exact set.
+bool has_path(PyObject* paths, PyObject* path) {
+  return PyAnySet_CheckExact(paths) ? set_has(paths, path) : contains(paths, path);
+}
+
+// sorted(p for p in stored if p in live_paths): the stored files of a row that
+// still exist; duplicates stay.
 Ref live_files(PyObject* stored, PyObject* live_paths) {
-  Ref files = new_list();
-  Ref it = iterate(stored);
-  while (Ref path = next(it.get())) {
-    if (contains(live_paths, path.get())) append(files.get(), path.get());
+  std::vector<Ref> files;
+  for_each(stored, [&](PyObject* path) {
+    if (has_path(live_paths, path)) files.push_back(Ref::borrow(path));
+  });
+  return sorted_texts(files);
+}
+
+// f"The {title} page ({count} files)."
+Ref generated_description(PyObject* title, Py_ssize_t count) {
+  if (!PyUnicode_CheckExact(title)) {
+    Ref shown = formatted(title);
+    return check(PyUnicode_FromFormat("The %U page (%zd files).", shown.get(), count));
   }
-  check(PyList_Sort(files.get()));
-  return files;
+  // The same text joined from its parts, cheaper than formatting it.
+  char tail[64] = " page (";
+  char* end = std::to_chars(tail + 7, tail + sizeof tail, count).ptr;
+  std::memcpy(end, " files).", 8);
+  Ref head = text("The ");
+  Ref rest = check(PyUnicode_FromStringAndSize(tail, end + 8 - tail));
+  Ref titled = check(PyUnicode_Concat(head.get(), title));
+  return check(PyUnicode_Concat(titled.get(), rest.get()));
 }
 
 Ref plan_from_row(const Call& call, PyObject* row, PyObject* live_paths) {
@@ -216,11 +269,7 @@ Ref plan_from_row(const Call& call, PyObject* row, PyObject* live_paths) {
   Ref level = or_else(row_get(n, row, n.level), n.module);
   Ref importance = or_else(row_get(n, row, n.importance), n.medium);
   Ref description = row_get(n, row, n.description);
-  if (!truthy(description.get())) {
-    Ref shown = formatted(title.get());
-    description = check(PyUnicode_FromFormat("The %U page (%zd files).", shown.get(),
-                                              PyList_GET_SIZE(files.get())));
-  }
+  if (!truthy(description.get())) description = generated_description(title.get(), PyList_GET_SIZE(files.get()));
   Ref topic_of = call.global(n.unit_topic);
   Ref topic = plan_record::call(topic_of.get(), {title.get(), files.get()});
   ModulePattern catch_all_re(call, n.CATCH_ALL_RE, st.catch_all_re, native_catch_all_match);
@@ -260,25 +309,125 @@ Ref amendment_with_level(const Call& call, PyObject* action, PyObject* page_id, 
 // ----------------------------------------------------------------------------
 // Family demotion
 
+// Whether `text in levels` runs no Python code for an exact text: a set or
+// frozenset of exact texts.
+bool quiet_levels(PyObject* levels) {
+  if (!PyFrozenSet_CheckExact(levels) && !PySet_CheckExact(levels)) return false;
+  Ref it = iterate(levels);
+  while (Ref level = next(it.get())) {
+    if (!PyUnicode_CheckExact(level.get())) return false;
+  }
+  return true;
+}
+
+// The demotion's pinned paths. `pinned.update(files)` with an exact list of
+// exact texts runs no Python code, so no one can tell when it happens: such
+// updates wait, in order, until the set is needed or until Python code may run
+// (which could change the lists).
+class PinnedPaths {
+ public:
+  // pinned.update(files)
+  void update(PyObject* files) {
+    if (PyList_CheckExact(files)) {
+      bool texts = true;
+      for (Py_ssize_t i = 0; texts && i < PyList_GET_SIZE(files); ++i) {
+        texts = PyUnicode_CheckExact(PyList_GET_ITEM(files, i));
+      }
+      if (texts && PyList_GET_SIZE(files)) {
+        pending_.push_back(Ref::borrow(files));
+        return;
+      }
+    }
+    flush();
+    set_update(set_.get(), files);
+  }
+  // Before anything that may run Python code.
+  void flush() {
+    for (const Ref& files : pending_) set_update(set_.get(), files.get());
+    pending_.clear();
+  }
+  bool empty() const { return PySet_GET_SIZE(set_.get()) == 0 && pending_.empty(); }
+  PyObject* set() {
+    flush();
+    return set_.get();
+  }
+
+ private:
+  Ref set_ = new_set();
+  std::vector<Ref> pending_;
+};
+
 Ref demote_unrecorded_families(const Call& call, PyObject* fresh_plans, PyObject* existing) {
   const ModuleState& st = call.state();
   const Names& n = st.names;
 
-  // Files that stored code pages pin (custom pages and the catch-all never do).
   auto pinned_level = [&](PyObject* level) {
     Ref levels = call.global(n.PINNED_LEVELS);
     return contains(levels.get(), level);
   };
-  Ref pinned = new_set();
+  // Whether this row's step runs no Python code: an exact dict with text keys
+  // only, its level and files of plain kinds, the names holding plain values.
+  Ref verified_levels;
+  auto quiet_row = [&](PyObject* pid, PyObject* row) {
+    if (!PyUnicode_CheckExact(pid) || !PyDict_CheckExact(row)) return false;
+    Py_ssize_t pos = 0;
+    PyObject* key;
+    PyObject* value;
+    while (PyDict_Next(row, &pos, &key, &value)) {
+      if (!PyUnicode_CheckExact(key)) return false;
+    }
+    Ref level = dict_find(row, n.level);
+    if (level && !level.is(Py_None) && !PyUnicode_CheckExact(level.get())) return false;
+    Ref files = dict_find(row, n.source_files);
+    if (files && !files.is(Py_None) && !PyList_CheckExact(files.get())) return false;
+    Ref levels = call.global(n.PINNED_LEVELS);
+    if (!levels.is(verified_levels.get()) || !PyFrozenSet_CheckExact(levels.get())) {
+      if (!quiet_levels(levels.get())) return false;
+      verified_levels = levels;
+    }
+    return call.global(n.CATCH_ALL_RE).is(st.catch_all_re);
+  };
+
+  // Files that stored code pages pin (custom pages and the catch-all never do).
+  PinnedPaths pinned;
+  const bool deferrable = PyDict_CheckExact(existing);
+  bool all_quiet = deferrable;
   for_each_item(n, existing, [&](PyObject* pid, PyObject* row) {
+    if (!deferrable || !quiet_row(pid, row)) {
+      all_quiet = false;
+      pinned.flush();
+    }
     Ref level = row_level(n, row);
     if (!pinned_level(level.get())) return;
     if (starts_with(n, pid, n.custom_prefix)) return;
     if (ModulePattern(call, n.CATCH_ALL_RE, st.catch_all_re, native_catch_all_match).matches(pid)) return;
     Ref files = row_get(n, row, n.source_files);
-    if (truthy(files.get())) set_update(pinned.get(), files.get());
+    if (truthy(files.get())) pinned.update(files.get());
   });
-  if (PySet_GET_SIZE(pinned.get()) == 0) return Ref::borrow(fresh_plans);
+  if (pinned.empty()) return Ref::borrow(fresh_plans);
+
+  // When no fresh plan is a family parent that could lose its parent (children,
+  // an id the store lacks, a code-unit level), and reading that runs no Python
+  // code, the set is never consulted: the result is a copy of the plans.
+  if (all_quiet && PyList_CheckExact(fresh_plans)) {
+    Ref record_type = call.global(n.PagePlan);
+    Ref fields = tuple_of({n.page_id, n.children, n.level});
+    Ref levels = call.global(n.PINNED_LEVELS);
+    bool no_parent = plain_record_class(record_type.get(), fields.get()) && quiet_levels(levels.get());
+    for (Py_ssize_t i = 0; no_parent && i < PyList_GET_SIZE(fresh_plans); ++i) {
+      PyObject* plan = PyList_GET_ITEM(fresh_plans, i);
+      no_parent = Py_TYPE(plan) == reinterpret_cast<PyTypeObject*>(record_type.get());
+      Ref pid = no_parent ? plain_attribute(plan, n.page_id) : Ref();
+      Ref children = pid ? plain_attribute(plan, n.children) : Ref();
+      no_parent = pid && PyUnicode_CheckExact(pid.get()) && children && PyList_CheckExact(children.get());
+      if (!no_parent || PyList_GET_SIZE(children.get()) == 0 || dict_find(existing, pid.get())) continue;
+      Ref level = plain_attribute(plan, n.level);
+      no_parent = level && PyUnicode_CheckExact(level.get()) && !set_has(levels.get(), level.get());
+    }
+    // [plan for plan in fresh_plans if plan.page_id not in dropped], nothing dropped
+    if (no_parent) return check(PySequence_List(fresh_plans));
+  }
+  pinned.flush();
 
   Ref by_id = new_dict();
   for_each(fresh_plans, [&](PyObject* plan) {
@@ -303,7 +452,7 @@ Ref demote_unrecorded_families(const Call& call, PyObject* fresh_plans, PyObject
     for_each(parts.get(), [&](PyObject* part) {
       if (collides) return;
       Ref files = getattr(part, n.source_files);
-      Ref disjoint = call_method(pinned.get(), n.isdisjoint, {files.get()});
+      Ref disjoint = call_method(pinned.set(), n.isdisjoint, {files.get()});
       collides = !truthy(disjoint.get());
     });
     if (!collides) return;
@@ -749,12 +898,12 @@ class PinPlan {
   void absorb_new_paths() {
     for_each(fresh_modules_.get(), [&](PyObject* plan) {
       // own_new = sorted(path for path in plan.source_files if path in new_paths)
-      Ref own_new = new_list();
+      std::vector<Ref> claimed;
       Ref files = getattr(plan, n_.source_files);
       for_each(files.get(), [&](PyObject* path) {
-        if (set_has(new_paths_.get(), path)) append(own_new.get(), path);
+        if (set_has(new_paths_.get(), path)) claimed.push_back(Ref::borrow(path));
       });
-      check(PyList_Sort(own_new.get()));
+      Ref own_new = sorted_texts(claimed);
       if (PyList_GET_SIZE(own_new.get()) == 0) return;
       Ref count = check(PyLong_FromSsize_t(PyList_GET_SIZE(own_new.get())));
       Ref minimum = call_.global(n_.MIN_NEW_PAGE_FILES);

@@ -174,8 +174,7 @@ namespace plan_record {
   X(co_consts, "co_consts")                           \
   X(co_filename, "co_filename")                       \
   X(co_qualname, "co_qualname")                       \
-  X(dunder_dataclass_params, "__dataclass_params__")  \
-  X(NotImplemented, "NotImplemented")
+  X(dunder_dataclass_params, "__dataclass_params__")
 
 struct Names {
 #define PLAN_RECORD_NAME_FIELD(field, literal) PyObject* field;
