@@ -196,6 +196,8 @@ def main() -> None:
     args = parser.parse_args()
     if args.once:
         fresh, existing, live = scenario(args.pages, args.others)
+        gc.collect()
+        gc.disable()  # as in the timed runs
         if args.once != "none":
             (native if args.once == "native" else twin).pin_plan(fresh, existing, live)
         return

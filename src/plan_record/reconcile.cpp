@@ -2,8 +2,6 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <charconv>
-#include <cstring>
 #include <optional>
 #include <unordered_set>
 #include <vector>
@@ -189,8 +187,8 @@ class Membership {
     Py_ssize_t start = first_odd_;
     if (Ref same = dict_find(first_by_id_.get(), id.get())) {
       Py_ssize_t at = 0;
-      while (PyList_GET_ITEM(members_, at) != same.get()) ++at;
-      start = std::min(start, at);
+      while (at < start && PyList_GET_ITEM(members_, at) != same.get()) ++at;
+      start = at;
     }
     // Members before `start` compare unequal without running Python code.
     indexed_ = start == PyList_GET_SIZE(members_);
@@ -216,13 +214,6 @@ class Membership {
   Py_ssize_t first_odd_ = 0;  // position of the first member that is not plain
 };
 
-// `sorted(items)` as a new list.
-Ref sorted_texts(const std::vector<Ref>& items) {
-  Ref list = list_of(items);
-  check(PyList_Sort(list.get()));
-  return list;
-}
-
 // `path in paths`, directly for an exact set.
 bool has_path(PyObject* paths, PyObject* path) {
   return PyAnySet_CheckExact(paths) ? set_has(paths, path) : contains(paths, path);
@@ -231,27 +222,12 @@ bool has_path(PyObject* paths, PyObject* path) {
 // sorted(p for p in stored if p in live_paths): the stored files of a row that
 // still exist; duplicates stay.
 Ref live_files(PyObject* stored, PyObject* live_paths) {
-  std::vector<Ref> files;
+  Ref files = new_list();
   for_each(stored, [&](PyObject* path) {
-    if (has_path(live_paths, path)) files.push_back(Ref::borrow(path));
+    if (has_path(live_paths, path)) append(files.get(), path);
   });
-  return sorted_texts(files);
-}
-
-// f"The {title} page ({count} files)."
-Ref generated_description(PyObject* title, Py_ssize_t count) {
-  if (!PyUnicode_CheckExact(title)) {
-    Ref shown = formatted(title);
-    return check(PyUnicode_FromFormat("The %U page (%zd files).", shown.get(), count));
-  }
-  // The same text joined from its parts, cheaper than formatting it.
-  char tail[64] = " page (";
-  char* end = std::to_chars(tail + 7, tail + sizeof tail, count).ptr;
-  std::memcpy(end, " files).", 8);
-  Ref head = text("The ");
-  Ref rest = check(PyUnicode_FromStringAndSize(tail, end + 8 - tail));
-  Ref titled = check(PyUnicode_Concat(head.get(), title));
-  return check(PyUnicode_Concat(titled.get(), rest.get()));
+  check(PyList_Sort(files.get()));
+  return files;
 }
 
 Ref plan_from_row(const Call& call, PyObject* row, PyObject* live_paths) {
@@ -269,7 +245,11 @@ Ref plan_from_row(const Call& call, PyObject* row, PyObject* live_paths) {
   Ref level = or_else(row_get(n, row, n.level), n.module);
   Ref importance = or_else(row_get(n, row, n.importance), n.medium);
   Ref description = row_get(n, row, n.description);
-  if (!truthy(description.get())) description = generated_description(title.get(), PyList_GET_SIZE(files.get()));
+  if (!truthy(description.get())) {
+    Ref shown = formatted(title.get());
+    description = check(PyUnicode_FromFormat("The %U page (%zd files).", shown.get(),
+                                              PyList_GET_SIZE(files.get())));
+  }
   Ref topic_of = call.global(n.unit_topic);
   Ref topic = plan_record::call(topic_of.get(), {title.get(), files.get()});
   ModulePattern catch_all_re(call, n.CATCH_ALL_RE, st.catch_all_re, native_catch_all_match);
@@ -898,12 +878,12 @@ class PinPlan {
   void absorb_new_paths() {
     for_each(fresh_modules_.get(), [&](PyObject* plan) {
       // own_new = sorted(path for path in plan.source_files if path in new_paths)
-      std::vector<Ref> claimed;
+      Ref own_new = new_list();
       Ref files = getattr(plan, n_.source_files);
       for_each(files.get(), [&](PyObject* path) {
-        if (set_has(new_paths_.get(), path)) claimed.push_back(Ref::borrow(path));
+        if (set_has(new_paths_.get(), path)) append(own_new.get(), path);
       });
-      Ref own_new = sorted_texts(claimed);
+      check(PyList_Sort(own_new.get()));
       if (PyList_GET_SIZE(own_new.get()) == 0) return;
       Ref count = check(PyLong_FromSsize_t(PyList_GET_SIZE(own_new.get())));
       Ref minimum = call_.global(n_.MIN_NEW_PAGE_FILES);
