@@ -59,7 +59,8 @@ def scenario(pages: int, others: int, seed: int = 7) -> Scenario:
 
     for i in range(pages):
         page_id = f"module-d{i}"
-        files = [f"d{i}/f{j}.c" for j in range(FILES_PER_PAGE)]
+        # Sorted, as the planner makes them and the store keeps them.
+        files = sorted(f"d{i}/f{j}.c" for j in range(FILES_PER_PAGE))
         stored(page_id, files)
         churn = rng.random()
         if churn < 0.02:  # the directory vanished
@@ -69,7 +70,7 @@ def scenario(pages: int, others: int, seed: int = 7) -> Scenario:
         fresh.append(PagePlan(page_id=page_id, title=page_id.title(), source_files=list(kept),
                               importance_score=rng.random()))
     for i in range(max(1, pages // 50)):  # new directories
-        files = [f"n{i}/f{j}.c" for j in range(rng.choice([1, 5, 20]))]
+        files = sorted(f"n{i}/f{j}.c" for j in range(rng.choice([1, 5, 20])))
         live.update(files)
         fresh.append(PagePlan(page_id=f"module-n{i}", source_files=files, importance_score=rng.random()))
 
