@@ -2,8 +2,8 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <functional>
 #include <optional>
-#include <unordered_set>
 #include <vector>
 
 #include "records.hpp"
@@ -161,7 +161,9 @@ class Membership {
   Membership(const Names& n, PyObject* record_type, PyObject* members, Py_ssize_t candidates)
       : members_(members) {
     const Py_ssize_t count = PyList_GET_SIZE(members);
-    for (Py_ssize_t i = 0; i < count; ++i) identities_.insert(PyList_GET_ITEM(members, i));
+    identities_.reserve(static_cast<std::size_t>(count));
+    for (Py_ssize_t i = 0; i < count; ++i) identities_.push_back(PyList_GET_ITEM(members, i));
+    std::sort(identities_.begin(), identities_.end(), std::less<PyObject*>());
     if (candidates * count < membership_index_min_pairs) return;
     equality_.emplace(n, record_type);
     if (!*equality_) return;
@@ -179,7 +181,7 @@ class Membership {
   }
 
   bool contains(PyObject* plan) {
-    if (identities_.count(plan)) return true;
+    if (std::binary_search(identities_.begin(), identities_.end(), plan, std::less<PyObject*>())) return true;
     if (!indexed_) return literal_from(plan, 0);
     Ref id = equality_->plain_id(plan);
     indexed_ = false;
@@ -207,7 +209,7 @@ class Membership {
   }
 
   PyObject* members_;
-  std::unordered_set<PyObject*> identities_;
+  std::vector<PyObject*> identities_;  // the members themselves, in address order
   std::optional<RecordEquality> equality_;
   bool indexed_ = false;     // no Python code ran since the index was built
   Ref first_by_id_;          // page id -> its first plain member
