@@ -30,15 +30,19 @@ void raise_format(PyObject* type, const char* format, ...) {
 
 namespace {
 
+PyObject* pointer(const Ref& item) { return item.get(); }
+PyObject* pointer(PyObject* item) { return item; }
+
 // A new tuple or list filled with the items: the only place that fills a
 // container's slots directly.
 template <class Items>
 Ref tuple_from(const Items& items) {
   Ref tuple = check(PyTuple_New(static_cast<Py_ssize_t>(std::size(items))));
   Py_ssize_t i = 0;
-  for (const Ref& item : items) {
-    if (!item) raise(PyExc_SystemError, "plan_record: empty reference in a tuple");
-    PyTuple_SET_ITEM(tuple.get(), i++, Py_NewRef(item.get()));
+  for (const auto& item : items) {
+    PyObject* p = pointer(item);
+    if (p == nullptr) raise(PyExc_SystemError, "plan_record: empty reference in a tuple");
+    PyTuple_SET_ITEM(tuple.get(), i++, Py_NewRef(p));
   }
   return tuple;
 }
@@ -47,9 +51,10 @@ template <class Items>
 Ref list_from(const Items& items) {
   Ref list = check(PyList_New(static_cast<Py_ssize_t>(std::size(items))));
   Py_ssize_t i = 0;
-  for (const Ref& item : items) {
-    if (!item) raise(PyExc_SystemError, "plan_record: empty reference in a list");
-    PyList_SET_ITEM(list.get(), i++, Py_NewRef(item.get()));
+  for (const auto& item : items) {
+    PyObject* p = pointer(item);
+    if (p == nullptr) raise(PyExc_SystemError, "plan_record: empty reference in a list");
+    PyList_SET_ITEM(list.get(), i++, Py_NewRef(p));
   }
   return list;
 }
@@ -60,6 +65,8 @@ Ref tuple_of(std::initializer_list<Ref> items) { return tuple_from(items); }
 Ref tuple_of(std::span<const Ref> items) { return tuple_from(items); }
 Ref list_of(std::initializer_list<Ref> items) { return list_from(items); }
 Ref list_of(std::span<const Ref> items) { return list_from(items); }
+Ref tuple_of(std::initializer_list<PyObject*> items) { return tuple_from(items); }
+Ref list_of(std::initializer_list<PyObject*> items) { return list_from(items); }
 
 Ref call(PyObject* callable, std::initializer_list<PyObject*> args) {
   PyObject* slots[call_slots];

@@ -11,6 +11,7 @@
 #include <new>
 #include <span>
 #include <utility>
+#include <vector>
 
 namespace plan_record {
 
@@ -103,6 +104,9 @@ Ref tuple_of(std::initializer_list<Ref> items);
 Ref tuple_of(std::span<const Ref> items);
 Ref list_of(std::initializer_list<Ref> items);
 Ref list_of(std::span<const Ref> items);
+// The same of borrowed items: `(a, b)` where the caller holds `a` and `b`.
+Ref tuple_of(std::initializer_list<PyObject*> items);
+Ref list_of(std::initializer_list<PyObject*> items);
 
 // Calls with positional arguments only.
 Ref call(PyObject* callable, std::initializer_list<PyObject*> args);

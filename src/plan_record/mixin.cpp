@@ -202,23 +202,21 @@ Ref page_changes(const Call& call) {
   if (!truthy(cached.get())) cached = new_dict();
   merge_mapping(recorded.get(), cached.get());
 
-  // What was recorded, less the steering digest and the stale mark.
+  // What was recorded, less the steering digest and the stale mark; both names
+  // are looked up for each entry, as `path not in (STEERING_SENTINEL, _STALE_SENTINEL)` does.
   Ref stored = new_dict();
-  Ref sentinels;
   walk_dict(recorded.get(), [&](PyObject* path, PyObject* digest) {
-    if (!sentinels) {
-      Ref steering = call.global(n.STEERING_SENTINEL);
-      Ref stale = call.global(n.STALE_SENTINEL);
-      sentinels = check(PyTuple_Pack(2, steering.get(), stale.get()));
-    }
-    if (!contains(sentinels.get(), path)) dict_set(stored.get(), path, digest);
+    Ref steering = call.global(n.STEERING_SENTINEL);
+    Ref stale = call.global(n.STALE_SENTINEL);
+    if (check(PyObject_RichCompareBool(steering.get(), path, Py_EQ))) return;
+    if (check(PyObject_RichCompareBool(stale.get(), path, Py_EQ))) return;
+    dict_set(stored.get(), path, digest);
   });
 
   Ref normalised = new_set();
   Ref plan_files = getattr(plan, n.source_files);
-  Ref norm;
   for_each(plan_files.get(), [&](PyObject* path) {
-    if (!norm) norm = call.global(n.norm);
+    Ref norm = call.global(n.norm);
     Ref normal = plan_record::call(norm.get(), {path});
     set_add(normalised.get(), normal.get());
   });

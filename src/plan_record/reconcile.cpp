@@ -1,7 +1,10 @@
 // Plan reconciliation: stored rows and fresh plans become this build's plans.
+#include <algorithm>
 #include <array>
+#include <cmath>
+#include <functional>
 #include <optional>
-#include <unordered_set>
+#include <vector>
 
 #include "records.hpp"
 #include "texts.hpp"
@@ -11,13 +14,221 @@ namespace plan_record {
 
 namespace {
 
-// The stored files of a row that still exist, sorted; duplicates stay.
+// The catch-all page's topic names the base names of its first paths, at most this many.
+constexpr Py_ssize_t catch_all_topic_samples = 12;
+
+// Below this many (pass-through candidate, code-unit plan) pairs, membership is
+// tested literally: indexing the code-unit plans costs about as much as this
+// many calls of the record's `__eq__`.
+constexpr Py_ssize_t membership_index_min_pairs = 64;
+
+bool text_is(PyObject* o, const char* ascii) {
+  return PyUnicode_CheckExact(o) && PyUnicode_CompareWithASCIIString(o, ascii) == 0;
+}
+
+// ----------------------------------------------------------------------------
+// Plain records: attribute reads that run no Python code
+
+// Whether reading the attributes `fields` of an instance of exactly `type_obj`
+// runs no Python code: a heap class of metaclass `type` whose MRO is (itself,
+// object), with the default attribute access (no `__getattribute__` or
+// `__getattr__`), none of the fields a descriptor of the class or of `object`.
+// Such a read looks in the instance and then takes a plain class default, or
+// fails with AttributeError. `required` gets the fields without a class
+// default (a read of the others never fails).
+bool plain_record_class(PyObject* type_obj, PyObject* fields, std::vector<PyObject*>* required = nullptr) {
+  if (!PyType_Check(type_obj) || Py_TYPE(type_obj) != &PyType_Type) return false;
+  auto* type = reinterpret_cast<PyTypeObject*>(type_obj);
+  if (!(type->tp_flags & Py_TPFLAGS_HEAPTYPE) || type->tp_getattro != PyObject_GenericGetAttr) return false;
+  PyObject* mro = type->tp_mro;
+  if (!mro || PyTuple_GET_SIZE(mro) != 2 || PyTuple_GET_ITEM(mro, 0) != type_obj ||
+      PyTuple_GET_ITEM(mro, 1) != reinterpret_cast<PyObject*>(&PyBaseObject_Type)) {
+    return false;
+  }
+  Ref own = check(PyType_GetDict(type));
+  Ref base = check(PyType_GetDict(&PyBaseObject_Type));
+  for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(fields); ++i) {
+    PyObject* field = PyTuple_GET_ITEM(fields, i);
+    if (!PyUnicode_CheckExact(field) || dict_find(base.get(), field)) return false;
+    Ref on_class = dict_find(own.get(), field);
+    if (on_class && Py_TYPE(on_class.get())->tp_descr_get) return false;
+    if (!on_class && required) required->push_back(field);
+  }
+  return true;
+}
+
+// An attribute of a plain record (above), or an empty Ref when it is missing.
+Ref plain_attribute(PyObject* record, PyObject* field) {
+  Ref value = Ref::steal_maybe(PyObject_GetAttr(record, field));
+  if (!value) {
+    if (!PyErr_ExceptionMatches(PyExc_AttributeError)) raise();
+    PyErr_Clear();
+  }
+  return value;
+}
+
+// ----------------------------------------------------------------------------
+// Record equality
+
+// When `member == plan` is known to be false without calling the record's
+// `__eq__`. The record type's `__eq__` counts as the one the dataclass machinery
+// generates when the type is a plain record class (above) for its compared
+// fields, its own dict holds `__dataclass_params__` and no `__class__`, and its
+// `__eq__` there is a plain function qualified `<Class>.__eq__` whose code is the
+// generated one's: file "<string>", code qualname "__create_fn__.<locals>.__eq__",
+// arguments (self, other), no free variables, constants (None,), names
+// `__class__`, the compared fields with `page_id` first, `NotImplemented`. That
+// function returns `(self.f1, ...) == (other.f1, ...)` for two instances of the
+// very class, and the tuples' comparison stops at the first differing field: for
+// two instances of exactly that type whose fields all read and whose page ids
+// are different exact texts it returns False, and no Python code runs on the way.
+class RecordEquality {
+ public:
+  RecordEquality(const Names& n, PyObject* record_type) {
+    if (!PyType_Check(record_type)) return;
+    auto* type = reinterpret_cast<PyTypeObject*>(record_type);
+    Ref own = check(PyType_GetDict(type));
+    if (!dict_find(own.get(), n.dunder_dataclass_params) || dict_find(own.get(), n.dunder_class)) return;
+    Ref eq = dict_find(own.get(), n.dunder_eq);
+    if (!eq || !PyFunction_Check(eq.get())) return;
+    Ref qualname = getattr(eq.get(), n.dunder_qualname);
+    Ref class_qualname = check(PyType_GetQualName(type));
+    Ref expected = check(PyUnicode_FromFormat("%U.__eq__", class_qualname.get()));
+    if (!PyUnicode_CheckExact(qualname.get()) || PyUnicode_Compare(qualname.get(), expected.get()) != 0) return;
+
+    auto* code = reinterpret_cast<PyCodeObject*>(PyFunction_GetCode(eq.get()));
+    if (code->co_argcount != 2 || code->co_posonlyargcount != 0 || code->co_kwonlyargcount != 0) return;
+    Ref filename = getattr(reinterpret_cast<PyObject*>(code), n.co_filename);
+    Ref code_qualname = getattr(reinterpret_cast<PyObject*>(code), n.co_qualname);
+    if (!text_is(filename.get(), "<string>") || !text_is(code_qualname.get(), "__create_fn__.<locals>.__eq__")) return;
+    Ref varnames = check(PyCode_GetVarnames(code));
+    Ref freevars = check(PyCode_GetFreevars(code));
+    Ref cellvars = check(PyCode_GetCellvars(code));
+    if (PyTuple_GET_SIZE(varnames.get()) != 2 || !text_is(PyTuple_GET_ITEM(varnames.get(), 0), "self") ||
+        !text_is(PyTuple_GET_ITEM(varnames.get(), 1), "other") || PyTuple_GET_SIZE(freevars.get()) ||
+        PyTuple_GET_SIZE(cellvars.get())) {
+      return;
+    }
+    Ref consts = getattr(reinterpret_cast<PyObject*>(code), n.co_consts);
+    if (!PyTuple_CheckExact(consts.get()) || PyTuple_GET_SIZE(consts.get()) != 1 ||
+        PyTuple_GET_ITEM(consts.get(), 0) != Py_None) {
+      return;
+    }
+    Ref names = getattr(reinterpret_cast<PyObject*>(code), n.co_names);
+    const Py_ssize_t count = PyTuple_CheckExact(names.get()) ? PyTuple_GET_SIZE(names.get()) : 0;
+    if (count < 3 || !text_is(PyTuple_GET_ITEM(names.get(), 0), "__class__") ||
+        !text_is(PyTuple_GET_ITEM(names.get(), count - 1), "NotImplemented") ||
+        !text_is(PyTuple_GET_ITEM(names.get(), 1), "page_id")) {
+      return;
+    }
+    Ref fields = check(PyTuple_GetSlice(names.get(), 1, count - 1));
+    if (!plain_record_class(record_type, fields.get(), &required_)) return;
+    type_ = type;
+    type_ref_ = Ref::borrow(record_type);
+    fields_ = std::move(fields);
+  }
+
+  explicit operator bool() const noexcept { return static_cast<bool>(fields_); }
+
+  // The page id of `o` when it is a plain instance: of exactly the record type,
+  // every compared field readable (those without a class default are read),
+  // the page id an exact text. Reading runs no Python code.
+  Ref plain_id(PyObject* o) const {
+    if (Py_TYPE(o) != type_) return Ref();
+    Ref id = plain_attribute(o, PyTuple_GET_ITEM(fields_.get(), 0));
+    if (!id || !PyUnicode_CheckExact(id.get())) return Ref();
+    for (PyObject* field : required_) {
+      if (!plain_attribute(o, field)) return Ref();
+    }
+    return id;
+  }
+
+ private:
+  PyTypeObject* type_ = nullptr;
+  Ref type_ref_;
+  Ref fields_;                      // the compared field names, page_id first
+  std::vector<PyObject*> required_;  // those without a class default (borrowed from fields_)
+};
+
+// `plan in fresh_modules` by the record's equality: `member == plan` for each
+// member in list order until one is equal, members by identity settled at
+// once. When the record's equality is the generated one (above), `__eq__` can
+// only be true, or run Python code, for a member that is not a plain instance
+// or that shares the plan's page id: the test starts at the first such member
+// (found through an index by page id) and, since that `__eq__` may change the
+// plans or the list, goes on literally from there.
+class Membership {
+ public:
+  Membership(const Names& n, PyObject* record_type, PyObject* members, Py_ssize_t candidates)
+      : members_(members) {
+    const Py_ssize_t count = PyList_GET_SIZE(members);
+    identities_.reserve(static_cast<std::size_t>(count));
+    for (Py_ssize_t i = 0; i < count; ++i) identities_.push_back(PyList_GET_ITEM(members, i));
+    std::sort(identities_.begin(), identities_.end(), std::less<PyObject*>());
+    if (candidates * count < membership_index_min_pairs) return;
+    equality_.emplace(n, record_type);
+    if (!*equality_) return;
+    first_by_id_ = new_dict();
+    first_odd_ = count;
+    for (Py_ssize_t i = 0; i < count; ++i) {
+      Ref id = equality_->plain_id(PyList_GET_ITEM(members, i));
+      if (!id) {
+        first_odd_ = std::min(first_odd_, i);
+        continue;
+      }
+      if (!PyDict_SetDefault(first_by_id_.get(), id.get(), PyList_GET_ITEM(members, i))) raise();
+    }
+    indexed_ = true;
+  }
+
+  bool contains(PyObject* plan) {
+    if (std::binary_search(identities_.begin(), identities_.end(), plan, std::less<PyObject*>())) return true;
+    if (!indexed_) return literal_from(plan, 0);
+    Ref id = equality_->plain_id(plan);
+    indexed_ = false;
+    if (!id) return literal_from(plan, 0);
+    Py_ssize_t start = first_odd_;
+    if (Ref same = dict_find(first_by_id_.get(), id.get())) {
+      Py_ssize_t at = 0;
+      while (at < start && PyList_GET_ITEM(members_, at) != same.get()) ++at;
+      start = at;
+    }
+    // Members before `start` compare unequal without running Python code.
+    indexed_ = start == PyList_GET_SIZE(members_);
+    return literal_from(plan, start);
+  }
+
+ private:
+  // `any(member == plan for member in members[start:])`, re-reading the length
+  // at each step as the list's own membership test does.
+  bool literal_from(PyObject* plan, Py_ssize_t start) {
+    for (Py_ssize_t i = start; i < PyList_GET_SIZE(members_); ++i) {
+      Ref member = Ref::borrow(PyList_GET_ITEM(members_, i));
+      if (check(PyObject_RichCompareBool(member.get(), plan, Py_EQ))) return true;
+    }
+    return false;
+  }
+
+  PyObject* members_;
+  std::vector<PyObject*> identities_;  // the members themselves, in address order
+  std::optional<RecordEquality> equality_;
+  bool indexed_ = false;     // no Python code ran since the index was built
+  Ref first_by_id_;          // page id -> its first plain member
+  Py_ssize_t first_odd_ = 0;  // position of the first member that is not plain
+};
+
+// `path in paths`, directly for an exact set.
+bool has_path(PyObject* paths, PyObject* path) {
+  return PyAnySet_CheckExact(paths) ? set_has(paths, path) : contains(paths, path);
+}
+
+// sorted(p for p in stored if p in live_paths): the stored files of a row that
+// still exist; duplicates stay.
 Ref live_files(PyObject* stored, PyObject* live_paths) {
   Ref files = new_list();
-  Ref it = iterate(stored);
-  while (Ref path = next(it.get())) {
-    if (contains(live_paths, path.get())) append(files.get(), path.get());
-  }
+  for_each(stored, [&](PyObject* path) {
+    if (has_path(live_paths, path)) append(files.get(), path);
+  });
   check(PyList_Sort(files.get()));
   return files;
 }
@@ -81,25 +292,125 @@ Ref amendment_with_level(const Call& call, PyObject* action, PyObject* page_id, 
 // ----------------------------------------------------------------------------
 // Family demotion
 
+// Whether `text in levels` runs no Python code for an exact text: a set or
+// frozenset of exact texts.
+bool quiet_levels(PyObject* levels) {
+  if (!PyFrozenSet_CheckExact(levels) && !PySet_CheckExact(levels)) return false;
+  Ref it = iterate(levels);
+  while (Ref level = next(it.get())) {
+    if (!PyUnicode_CheckExact(level.get())) return false;
+  }
+  return true;
+}
+
+// The demotion's pinned paths. `pinned.update(files)` with an exact list of
+// exact texts runs no Python code, so no one can tell when it happens: such
+// updates wait, in order, until the set is needed or until Python code may run
+// (which could change the lists).
+class PinnedPaths {
+ public:
+  // pinned.update(files)
+  void update(PyObject* files) {
+    if (PyList_CheckExact(files)) {
+      bool texts = true;
+      for (Py_ssize_t i = 0; texts && i < PyList_GET_SIZE(files); ++i) {
+        texts = PyUnicode_CheckExact(PyList_GET_ITEM(files, i));
+      }
+      if (texts && PyList_GET_SIZE(files)) {
+        pending_.push_back(Ref::borrow(files));
+        return;
+      }
+    }
+    flush();
+    set_update(set_.get(), files);
+  }
+  // Before anything that may run Python code.
+  void flush() {
+    for (const Ref& files : pending_) set_update(set_.get(), files.get());
+    pending_.clear();
+  }
+  bool empty() const { return PySet_GET_SIZE(set_.get()) == 0 && pending_.empty(); }
+  PyObject* set() {
+    flush();
+    return set_.get();
+  }
+
+ private:
+  Ref set_ = new_set();
+  std::vector<Ref> pending_;
+};
+
 Ref demote_unrecorded_families(const Call& call, PyObject* fresh_plans, PyObject* existing) {
   const ModuleState& st = call.state();
   const Names& n = st.names;
 
+  auto pinned_level = [&](PyObject* level) {
+    Ref levels = call.global(n.PINNED_LEVELS);
+    return contains(levels.get(), level);
+  };
+  // Whether this row's step runs no Python code: an exact dict with text keys
+  // only, its level and files of plain kinds, the names holding plain values.
+  Ref verified_levels;
+  auto quiet_row = [&](PyObject* pid, PyObject* row) {
+    if (!PyUnicode_CheckExact(pid) || !PyDict_CheckExact(row)) return false;
+    Py_ssize_t pos = 0;
+    PyObject* key;
+    PyObject* value;
+    while (PyDict_Next(row, &pos, &key, &value)) {
+      if (!PyUnicode_CheckExact(key)) return false;
+    }
+    Ref level = dict_find(row, n.level);
+    if (level && !level.is(Py_None) && !PyUnicode_CheckExact(level.get())) return false;
+    Ref files = dict_find(row, n.source_files);
+    if (files && !files.is(Py_None) && !PyList_CheckExact(files.get())) return false;
+    Ref levels = call.global(n.PINNED_LEVELS);
+    if (!levels.is(verified_levels.get()) || !PyFrozenSet_CheckExact(levels.get())) {
+      if (!quiet_levels(levels.get())) return false;
+      verified_levels = levels;
+    }
+    return call.global(n.CATCH_ALL_RE).is(st.catch_all_re);
+  };
+
   // Files that stored code pages pin (custom pages and the catch-all never do).
-  Ref pinned = new_set();
-  Ref pinned_levels;
-  std::optional<ModulePattern> catch_all_re;
+  PinnedPaths pinned;
+  const bool deferrable = PyDict_CheckExact(existing);
+  bool all_quiet = deferrable;
   for_each_item(n, existing, [&](PyObject* pid, PyObject* row) {
+    if (!deferrable || !quiet_row(pid, row)) {
+      all_quiet = false;
+      pinned.flush();
+    }
     Ref level = row_level(n, row);
-    if (!pinned_levels) pinned_levels = call.global(n.PINNED_LEVELS);
-    if (!contains(pinned_levels.get(), level.get())) return;
+    if (!pinned_level(level.get())) return;
     if (starts_with(n, pid, n.custom_prefix)) return;
-    if (!catch_all_re) catch_all_re.emplace(call, n.CATCH_ALL_RE, st.catch_all_re, native_catch_all_match);
-    if (catch_all_re->matches(pid)) return;
+    if (ModulePattern(call, n.CATCH_ALL_RE, st.catch_all_re, native_catch_all_match).matches(pid)) return;
     Ref files = row_get(n, row, n.source_files);
-    if (truthy(files.get())) set_update(pinned.get(), files.get());
+    if (truthy(files.get())) pinned.update(files.get());
   });
-  if (PySet_GET_SIZE(pinned.get()) == 0) return Ref::borrow(fresh_plans);
+  if (pinned.empty()) return Ref::borrow(fresh_plans);
+
+  // When no fresh plan is a family parent that could lose its parent (children,
+  // an id the store lacks, a code-unit level), and reading that runs no Python
+  // code, the set is never consulted: the result is a copy of the plans.
+  if (all_quiet && PyList_CheckExact(fresh_plans)) {
+    Ref record_type = call.global(n.PagePlan);
+    Ref fields = tuple_of({n.page_id, n.children, n.level});
+    Ref levels = call.global(n.PINNED_LEVELS);
+    bool no_parent = plain_record_class(record_type.get(), fields.get()) && quiet_levels(levels.get());
+    for (Py_ssize_t i = 0; no_parent && i < PyList_GET_SIZE(fresh_plans); ++i) {
+      PyObject* plan = PyList_GET_ITEM(fresh_plans, i);
+      no_parent = Py_TYPE(plan) == reinterpret_cast<PyTypeObject*>(record_type.get());
+      Ref pid = no_parent ? plain_attribute(plan, n.page_id) : Ref();
+      Ref children = pid ? plain_attribute(plan, n.children) : Ref();
+      no_parent = pid && PyUnicode_CheckExact(pid.get()) && children && PyList_CheckExact(children.get());
+      if (!no_parent || PyList_GET_SIZE(children.get()) == 0 || dict_find(existing, pid.get())) continue;
+      Ref level = plain_attribute(plan, n.level);
+      no_parent = level && PyUnicode_CheckExact(level.get()) && !set_has(levels.get(), level.get());
+    }
+    // [plan for plan in fresh_plans if plan.page_id not in dropped], nothing dropped
+    if (no_parent) return check(PySequence_List(fresh_plans));
+  }
+  pinned.flush();
 
   Ref by_id = new_dict();
   for_each(fresh_plans, [&](PyObject* plan) {
@@ -114,8 +425,7 @@ Ref demote_unrecorded_families(const Call& call, PyObject* fresh_plans, PyObject
     Ref pid = getattr(plan, n.page_id);
     if (contains(existing, pid.get())) return;
     Ref level = getattr(plan, n.level);
-    if (!pinned_levels) pinned_levels = call.global(n.PINNED_LEVELS);
-    if (!contains(pinned_levels.get(), level.get())) return;
+    if (!pinned_level(level.get())) return;
 
     Ref parts = new_list();
     for_each(children.get(), [&](PyObject* kid) {
@@ -125,7 +435,7 @@ Ref demote_unrecorded_families(const Call& call, PyObject* fresh_plans, PyObject
     for_each(parts.get(), [&](PyObject* part) {
       if (collides) return;
       Ref files = getattr(part, n.source_files);
-      Ref disjoint = call_method(pinned.get(), n.isdisjoint, {files.get()});
+      Ref disjoint = call_method(pinned.set(), n.isdisjoint, {files.get()});
       collides = !truthy(disjoint.get());
     });
     if (!collides) return;
@@ -147,40 +457,116 @@ Ref demote_entry(const Call& call) { return demote_unrecorded_families(call, cal
 // ----------------------------------------------------------------------------
 // Build order
 
+// The sort key of one plan: (is a code page, -importance_score or 0.0).
+struct ImportanceKey {
+  bool code = false;
+  // The negated score as a C double, when the score is an exact float (not
+  // NaN) or an exact int that a double holds exactly: then keys compare as
+  // doubles do, and no Python code runs in the comparisons.
+  std::optional<double> rank;
+  Ref score;  // the score, for the literal key
+};
+
+std::optional<double> plain_rank(PyObject* score) {
+  if (PyFloat_CheckExact(score)) {
+    const double value = PyFloat_AS_DOUBLE(score);
+    if (std::isnan(value)) return std::nullopt;
+    return -value;
+  }
+  if (PyLong_CheckExact(score)) {
+    constexpr long long exact_limit = 1LL << 53;  // beyond it a double rounds
+    int overflow = 0;
+    const long long value = PyLong_AsLongLongAndOverflow(score, &overflow);
+    if (overflow || (value == -1 && PyErr_Occurred()) || value > exact_limit || value < -exact_limit) {
+      PyErr_Clear();
+      return std::nullopt;
+    }
+    return -static_cast<double>(value);
+  }
+  return std::nullopt;
+}
+
 Ref by_importance(const Call& call, PyObject* plans) {
   const Names& n = call.state().names;
   Ref pinned_levels = call.global(n.PINNED_LEVELS);
-  Ref items = check(PySequence_List(plans));
-  const Py_ssize_t count = PyList_GET_SIZE(items.get());
-
-  // One key per plan, in order: (is a code page, -importance_score or 0.0).
-  Ref keys = new_list(count);
-  Ref zero = check(PyFloat_FromDouble(0.0));
-  for (Py_ssize_t i = 0; i < count; ++i) {
-    PyObject* plan = PyList_GET_ITEM(items.get(), i);
-    Ref level = getattr(plan, n.level);
-    const bool code = contains(pinned_levels.get(), level.get());
-    Ref rank = zero;
-    if (code) {
-      Ref score = getattr(plan, n.importance_score);
-      rank = check(PyNumber_Negative(score.get()));
+  // `sorted` sorts its own copy, which no other code can reach.
+  std::vector<Ref> items;
+  {
+    Ref copy = check(PySequence_List(plans));
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(copy.get()); ++i) {
+      items.push_back(Ref::borrow(PyList_GET_ITEM(copy.get(), i)));
     }
-    PyList_SET_ITEM(keys.get(), i, check(PyTuple_Pack(2, code ? Py_True : Py_False, rank.get())).release());
+  }
+  const std::size_t count = items.size();
+
+  // One key per plan, in order.
+  std::vector<ImportanceKey> keys(count);
+  bool plain = true;
+  for (std::size_t i = 0; i < count; ++i) {
+    Ref level = getattr(items[i].get(), n.level);
+    keys[i].code = contains(pinned_levels.get(), level.get());
+    if (!keys[i].code) continue;
+    keys[i].score = getattr(items[i].get(), n.importance_score);
+    keys[i].rank = plain_rank(keys[i].score.get());
+    if (!keys[i].rank) {
+      // `-plan.importance_score`, now, as the key function would.
+      keys[i].score = check(PyNumber_Negative(keys[i].score.get()));
+      plain = false;
+    }
   }
 
-  // The positions, ordered by their keys with the list's own stable sort.
-  Ref order = new_list(count);
-  for (Py_ssize_t i = 0; i < count; ++i) PyList_SET_ITEM(order.get(), i, check(PyLong_FromSsize_t(i)).release());
-  Ref key_of = getattr(keys.get(), Ref(interned("__getitem__")).get());
-  Ref key_name = check(PyTuple_Pack(1, n.key));  // n.key is interned
-  call_kw(Ref(getattr(order.get(), n.sort)).get(), {}, {key_of.get()}, key_name.get());
-
-  Ref result = new_list(count);
-  for (Py_ssize_t i = 0; i < count; ++i) {
-    const Py_ssize_t at = PyLong_AsSsize_t(PyList_GET_ITEM(order.get(), i));
-    PyList_SET_ITEM(result.get(), i, Py_NewRef(PyList_GET_ITEM(items.get(), at)));
+  std::vector<std::size_t> order(count);
+  for (std::size_t i = 0; i < count; ++i) order[i] = i;
+  if (plain) {
+    // sorted(plans, key=lambda p: (code, -score)), every score a plain number.
+    std::stable_sort(order.begin(), order.end(), [&](std::size_t a, std::size_t b) {
+      if (keys[a].code != keys[b].code) return !keys[a].code;
+      return keys[a].code && *keys[a].rank < *keys[b].rank;
+    });
+  } else {
+    // The positions sorted with the list's own stable sort on the key tuples.
+    Ref zero = check(PyFloat_FromDouble(0.0));
+    std::vector<Ref> key_tuples;
+    key_tuples.reserve(count);
+    for (const ImportanceKey& key : keys) {
+      Ref rank;
+      if (!key.code) {
+        rank = zero;
+      } else if (key.rank) {
+        rank = check(PyNumber_Negative(key.score.get()));
+      } else {
+        rank = key.score;
+      }
+      key_tuples.push_back(tuple_of({key.code ? Py_True : Py_False, rank.get()}));
+    }
+    Ref key_list = list_of(key_tuples);
+    std::vector<Ref> positions;
+    positions.reserve(count);
+    for (std::size_t i = 0; i < count; ++i) positions.push_back(check(PyLong_FromSize_t(i)));
+    Ref sorted_positions = list_of(positions);
+    Ref key_of = getattr(key_list.get(), n.dunder_getitem);
+    Ref key_name = tuple_of({n.key});
+    Ref sort = getattr(sorted_positions.get(), n.sort);
+    call_kw(sort.get(), {}, {key_of.get()}, key_name.get());
+    // Comparisons ran Python code, which may have reached the list: read it with care.
+    if (static_cast<std::size_t>(PyList_GET_SIZE(sorted_positions.get())) != count) {
+      raise(PyExc_ValueError, "list modified during sort");
+    }
+    for (std::size_t i = 0; i < count; ++i) {
+      PyObject* at = PyList_GET_ITEM(sorted_positions.get(), static_cast<Py_ssize_t>(i));
+      const Py_ssize_t index = PyLong_Check(at) ? PyLong_AsSsize_t(at) : -1;
+      if (index < 0 || static_cast<std::size_t>(index) >= count) {
+        PyErr_Clear();
+        raise(PyExc_ValueError, "list modified during sort");
+      }
+      order[i] = static_cast<std::size_t>(index);
+    }
   }
-  return result;
+
+  std::vector<Ref> result;
+  result.reserve(count);
+  for (std::size_t i : order) result.push_back(items[i]);
+  return list_of(result);
 }
 
 Ref by_importance_entry(const Call& call) { return by_importance(call, call.arg(0)); }
@@ -216,10 +602,14 @@ class PinPlan {
   }
 
  private:
+  // `level in PINNED_LEVELS`, the name looked up at each use.
   bool pinned_level(PyObject* level) {
-    if (!pinned_levels_) pinned_levels_ = call_.global(n_.PINNED_LEVELS);
-    return contains(pinned_levels_.get(), level);
+    Ref levels = call_.global(n_.PINNED_LEVELS);
+    return contains(levels.get(), level);
   }
+  // `plan.page_id`, read where a step reads it.
+  Ref page_id(PyObject* plan) { return getattr(plan, n_.page_id); }
+  Ref plan_level(PyObject* plan) { return getattr(plan, n_.level); }
   bool custom(PyObject* page_id) { return starts_with(n_, page_id, n_.custom_prefix); }
   void record(Ref amendment) { append(amendments_.get(), amendment.get()); }
 
@@ -271,7 +661,7 @@ class PinPlan {
         for_each(children.get(), [&](PyObject* kid) {
           if (Ref found = dict_find(fresh_by_page.get(), kid)) append(fresh_kids.get(), found.get());
         });
-        Ref pair = check(PyTuple_Pack(2, n_.re_chunked, fresh_kids.get()));
+        Ref pair = tuple_of({n_.re_chunked, fresh_kids.get()});
         if (Ref stored = dict_find(stored_families_.get(), pid.get())) {
           for_each(stored.get(), [&](PyObject* kid) {
             if (!contains(children.get(), kid)) dict_set(superseded_kids_.get(), kid, pair.get());
@@ -280,9 +670,8 @@ class PinPlan {
       } else if (Ref stored = dict_find(stored_families_.get(), pid.get())) {
         set_add(collapsed_.get(), pid.get());
         for_each(stored.get(), [&](PyObject* kid) {
-          Ref family = new_list(1);
-          PyList_SET_ITEM(family.get(), 0, Py_NewRef(plan));
-          Ref pair = check(PyTuple_Pack(2, n_.collapsed_reason, family.get()));
+          Ref family = list_of({plan});
+          Ref pair = tuple_of({n_.collapsed_reason, family.get()});
           dict_set(superseded_kids_.get(), kid, pair.get());
         });
       }
@@ -322,23 +711,21 @@ class PinPlan {
   void partition_fresh_plans() {
     fresh_modules_ = new_list();
     for_each(fresh_plans_.get(), [&](PyObject* plan) {
-      Ref level = getattr(plan, n_.level);
+      Ref level = plan_level(plan);
       if (!pinned_level(level.get())) return;
-      Ref pid = getattr(plan, n_.page_id);
-      if (set_has(family_ids_.get(), pid.get())) return;
-      Ref again = getattr(plan, n_.page_id);
-      if (custom(again.get())) return;
+      if (set_has(family_ids_.get(), page_id(plan).get())) return;
+      if (custom(page_id(plan).get())) return;
       append(fresh_modules_.get(), plan);
     });
-    // Membership by equality; members by identity are settled without it.
-    std::unordered_set<PyObject*> members;
-    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(fresh_modules_.get()); ++i) {
-      members.insert(PyList_GET_ITEM(fresh_modules_.get(), i));
-    }
+    // passthrough = [plan for plan in fresh_plans if plan not in fresh_modules]
+    const Py_ssize_t candidates = PyList_CheckExact(fresh_plans_.get())
+                                      ? PyList_GET_SIZE(fresh_plans_.get()) - PyList_GET_SIZE(fresh_modules_.get())
+                                      : 0;
+    Ref record_type = call_.global(n_.PagePlan);
+    Membership members(n_, record_type.get(), fresh_modules_.get(), candidates);
     passthrough_ = new_list();
     for_each(fresh_plans_.get(), [&](PyObject* plan) {
-      if (members.count(plan)) return;
-      if (!contains(fresh_modules_.get(), plan)) append(passthrough_.get(), plan);
+      if (!members.contains(plan)) append(passthrough_.get(), plan);
     });
   }
 
@@ -354,14 +741,12 @@ class PinPlan {
       }
     });
     for_each(passthrough_.get(), [&](PyObject* plan) {
-      Ref pid = getattr(plan, n_.page_id);
-      if (contains(existing_, pid.get())) return;
-      Ref pid_again = getattr(plan, n_.page_id);
-      Ref level = getattr(plan, n_.level);
-      Ref shown = formatted(level.get());
+      if (contains(existing_, page_id(plan).get())) return;
+      // amend("add", plan.page_id, f"new {plan.level} page", level=plan.level)
+      Ref pid = page_id(plan);
+      Ref shown = formatted(plan_level(plan).get());
       Ref reason = check(PyUnicode_FromFormat("new %U page", shown.get()));
-      Ref level_again = getattr(plan, n_.level);
-      record(amendment_with_level(call_, n_.add, pid_again.get(), reason.get(), level_again.get()));
+      record(amendment_with_level(call_, n_.add, pid.get(), reason.get(), plan_level(plan).get()));
     });
     for_each_item(n_, existing_, [&](PyObject* pid, PyObject* row) {
       Ref level = row_level(n_, row);
@@ -477,58 +862,65 @@ class PinPlan {
     });
   }
 
+  // The first plan of `plans` whose page id equals `wanted`, as the plans and
+  // their ids are now, or an empty Ref.
+  Ref first_kept_with_id(PyObject* wanted) {
+    for (Py_ssize_t i = 0; i < PyList_GET_SIZE(plans_.get()); ++i) {
+      Ref kept = Ref::borrow(PyList_GET_ITEM(plans_.get(), i));
+      Ref same = check(PyObject_RichCompare(page_id(kept.get()).get(), wanted, Py_EQ));
+      if (truthy(same.get())) return kept;
+    }
+    return Ref();
+  }
+
+  // `len(own_new)`, taken where the step takes it: code run meanwhile may have changed the list.
+  static Ref count_text(PyObject* own_new, const char* format) {
+    return check(PyUnicode_FromFormat(format, PyList_GET_SIZE(own_new)));
+  }
+
   void absorb_new_paths() {
-    // The first plan of each id, to extend in place.
-    Ref first_kept = new_dict();
-    for_each(plans_.get(), [&](PyObject* plan) {
-      Ref pid = getattr(plan, n_.page_id);
-      check(PyDict_SetDefault(first_kept.get(), pid.get(), plan) ? 0 : -1);
-    });
     for_each(fresh_modules_.get(), [&](PyObject* plan) {
+      // own_new = sorted(path for path in plan.source_files if path in new_paths)
       Ref own_new = new_list();
       Ref files = getattr(plan, n_.source_files);
       for_each(files.get(), [&](PyObject* path) {
         if (set_has(new_paths_.get(), path)) append(own_new.get(), path);
       });
       check(PyList_Sort(own_new.get()));
-      const Py_ssize_t count = PyList_GET_SIZE(own_new.get());
-      if (count == 0) return;
+      if (PyList_GET_SIZE(own_new.get()) == 0) return;
+      Ref count = check(PyLong_FromSsize_t(PyList_GET_SIZE(own_new.get())));
       Ref minimum = call_.global(n_.MIN_NEW_PAGE_FILES);
-      Ref count_obj = check(PyLong_FromSsize_t(count));
-      bool own_page = check(PyObject_RichCompareBool(count_obj.get(), minimum.get(), Py_GE)) != 0;
+      bool own_page = check(PyObject_RichCompareBool(count.get(), minimum.get(), Py_GE)) != 0;
       if (own_page) {
         Ref catch_all = getattr(plan, n_.catch_all);
         own_page = !truthy(catch_all.get());
       }
-      if (own_page) {
-        Ref pid = getattr(plan, n_.page_id);
-        if (set_has(kept_ids_.get(), pid.get())) {
-          Ref pid_again = getattr(plan, n_.page_id);
-          if (Ref target = dict_find(first_kept.get(), pid_again.get())) {
-            Ref target_files = getattr(target.get(), n_.source_files);
-            Ref merged = new_set();
-            set_update(merged.get(), target_files.get());
-            set_update(merged.get(), own_new.get());
-            Ref sorted = sorted_list(merged.get());
-            setattr(target.get(), n_.source_files, sorted.get());
-          }
-          Ref reason = check(PyUnicode_FromFormat("%zd new source file(s) absorbed", count));
-          Ref pid_for_record = getattr(plan, n_.page_id);
-          record(amendment(call_, n_.extend, pid_for_record.get(), reason.get()));
-        } else {
-          setattr(plan, n_.source_files, own_new.get());
-          append(plans_.get(), plan);
-          Ref pid_again = getattr(plan, n_.page_id);
-          check(PyDict_SetDefault(first_kept.get(), pid_again.get(), plan) ? 0 : -1);
-          Ref pid_kept = getattr(plan, n_.page_id);
-          set_add(kept_ids_.get(), pid_kept.get());
-          Ref reason = check(PyUnicode_FromFormat("new subsystem (%zd files)", count));
-          Ref pid_for_record = getattr(plan, n_.page_id);
-          record(amendment(call_, n_.add, pid_for_record.get(), reason.get()));
+      if (own_page && set_has(kept_ids_.get(), page_id(plan).get())) {
+        Ref wanted = page_id(plan);
+        if (Ref target = first_kept_with_id(wanted.get())) {
+          // target.source_files = sorted({*target.source_files, *own_new})
+          Ref target_files = getattr(target.get(), n_.source_files);
+          Ref merged = new_set();
+          set_update(merged.get(), target_files.get());
+          set_update(merged.get(), own_new.get());
+          Ref sorted = sorted_list(merged.get());
+          setattr(target.get(), n_.source_files, sorted.get());
         }
+        Ref pid = page_id(plan);
+        Ref reason = count_text(own_new.get(), "%zd new source file(s) absorbed");
+        record(amendment(call_, n_.extend, pid.get(), reason.get()));
+      } else if (own_page) {
+        // The fresh plan becomes a new page with just its new files.
+        setattr(plan, n_.source_files, own_new.get());
+        append(plans_.get(), plan);
+        set_add(kept_ids_.get(), page_id(plan).get());
+        Ref pid = page_id(plan);
+        Ref reason = count_text(own_new.get(), "new subsystem (%zd files)");
+        record(amendment(call_, n_.add, pid.get(), reason.get()));
       } else {
         set_update(catch_all_files_.get(), own_new.get());
       }
+      // new_paths.difference_update(own_new)
       for_each(own_new.get(), [&](PyObject* path) { check(PySet_Discard(new_paths_.get(), path)); });
     });
     set_update(catch_all_files_.get(), new_paths_.get());
@@ -557,19 +949,20 @@ class PinPlan {
       return;
     }
     Ref merged = sorted_list(catch_all_files_.get());
-    const Py_ssize_t count = PyList_GET_SIZE(merged.get());
+    // " ".join(path.rsplit("/", 1)[-1] for path in merged[:12])
+    Ref head = check(PyList_GetSlice(merged.get(), 0, catch_all_topic_samples));
     Ref samples_list = new_list();
-    for (Py_ssize_t i = 0; i < count && i < 12; ++i) {
-      Ref path = Ref::borrow(PyList_GET_ITEM(merged.get(), i));
-      Ref name = base_name(path.get());
+    for_each(head.get(), [&](PyObject* path) {
+      Ref name = base_name(path);
       append(samples_list.get(), name.get());
-    }
+    });
     Ref samples = check(PyUnicode_Join(n_.blank, samples_list.get()));
     Ref base = catch_all_row_ ? catch_all_row_ : new_dict();
     Ref page_plan = call_.global(n_.PagePlan);
     Ref pid = row_get(n_, base.get(), n_.page_id, n_.catch_all_id);
     Ref title = or_else(row_get(n_, base.get(), n_.title), n_.other_code);
-    Ref description = check(PyUnicode_FromFormat("Remaining modules and files (%zd files).", count));
+    Ref description = check(
+        PyUnicode_FromFormat("Remaining modules and files (%zd files).", PyList_GET_SIZE(merged.get())));
     Ref topic = check(PyUnicode_FromFormat("additional modules utilities helpers %U", samples.get()));
     Ref type = call_.global(n_.OTHER_CODE_TYPE);
     Ref page = call_kw(page_plan.get(), {},
@@ -629,7 +1022,6 @@ class PinPlan {
   PyObject* existing_;
   PyObject* live_paths_;
   PyObject* replan_;
-  Ref pinned_levels_;
 
   Ref amendments_, remap_;
   Ref stored_families_, family_ids_, collapsed_, superseded_kids_;

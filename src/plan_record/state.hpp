@@ -167,7 +167,16 @@ namespace plan_record {
   X(section_map, "section_map")                       \
   /* class creation */                                \
   X(types, "types")                                   \
-  X(new_class, "new_class")
+  X(new_class, "new_class")                           \
+  /* record equality and build order */               \
+  X(dunder_eq, "__eq__")                              \
+  X(dunder_class, "__class__")                        \
+  X(dunder_getitem, "__getitem__")                    \
+  X(co_names, "co_names")                             \
+  X(co_consts, "co_consts")                           \
+  X(co_filename, "co_filename")                       \
+  X(co_qualname, "co_qualname")                       \
+  X(dunder_dataclass_params, "__dataclass_params__")
 
 struct Names {
 #define PLAN_RECORD_NAME_FIELD(field, literal) PyObject* field;

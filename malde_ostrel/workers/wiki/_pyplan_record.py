@@ -242,16 +242,15 @@ def pin_plan(
 
     # New paths: a new page, files absorbed by a kept page, or the catch-all.
     if new_paths:
-        first_kept: dict[str, PagePlan] = {}
-        for plan in plans:
-            first_kept.setdefault(plan.page_id, plan)
         for plan in fresh_modules:
             own_new = sorted(path for path in plan.source_files if path in new_paths)
             if not own_new:
                 continue
             if len(own_new) >= _MIN_NEW_PAGE_FILES and not plan.catch_all:
                 if plan.page_id in kept_ids:
-                    target = first_kept.get(plan.page_id)
+                    # The first plan kept under this id, as the plans and ids are now.
+                    wanted = plan.page_id
+                    target = next((kept for kept in plans if kept.page_id == wanted), None)
                     if target is not None:
                         target.source_files = sorted({*target.source_files, *own_new})
                     amendments.append(
@@ -260,7 +259,6 @@ def pin_plan(
                 else:
                     plan.source_files = own_new
                     plans.append(plan)
-                    first_kept.setdefault(plan.page_id, plan)
                     kept_ids.add(plan.page_id)
                     amendments.append(
                         amend("add", plan.page_id, f"new subsystem ({len(own_new)} files)")
