@@ -191,6 +191,24 @@ def steering_sentinel_rebound_in_page_changes(m: ModuleType, patch: pytest.Monke
     return seen, [["a.c", "b.c"]]
 
 
+def member_before_the_plan_compared(m: ModuleType, patch: pytest.MonkeyPatch) -> Any:
+    # A member is settled by identity in one step; only the plan that is no
+    # member asks the members, and the first of them counts the question.
+    class Counting(PagePlan):
+        calls = 0
+
+        def __eq__(self, other: object) -> bool:
+            Counting.calls += 1
+            return self is other
+
+        __hash__ = object.__hash__
+
+    fresh = [Counting(page_id="module-c", source_files=["c.c"]),
+             *(plan(f"module-{i}", f"{i}.c") for i in range(9)), plan("overview", level="overview")]
+    m.pin_plan(fresh, {}, {"c.c", *(f"{i}.c" for i in range(9))})
+    return Counting.calls, 1
+
+
 def host(m: ModuleType) -> Any:
     class Host(m.PlanRecordMixin):  # type: ignore[name-defined,misc]
         def _source_hashes(self, paths: list[str]) -> dict[str, str]:
@@ -201,7 +219,8 @@ def host(m: ModuleType) -> Any:
 
 CASES = [pinned_levels_in_step_10, catch_all_pattern_in_demotion, pinned_levels_in_demotion,
          kept_plan_renamed_before_extension, count_after_the_setter, stored_keys_changed_while_walked,
-         build_order_list_cleared, norm_rebound_in_page_changes, steering_sentinel_rebound_in_page_changes]
+         build_order_list_cleared, norm_rebound_in_page_changes, steering_sentinel_rebound_in_page_changes,
+         member_before_the_plan_compared]
 
 
 @pytest.mark.parametrize("case", CASES, ids=[case.__name__ for case in CASES])

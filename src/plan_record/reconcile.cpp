@@ -176,24 +176,26 @@ class Membership {
         first_odd_ = std::min(first_odd_, i);
         continue;
       }
-      if (!PyDict_SetDefault(first_by_id_.get(), id.get(), PyList_GET_ITEM(members, i))) raise();
+      if (dict_find(first_by_id_.get(), id.get())) continue;
+      Ref at = check(PyLong_FromSsize_t(i));
+      check(PyDict_SetItem(first_by_id_.get(), id.get(), at.get()));
     }
     indexed_ = true;
   }
 
+  // `id(plan) in member_ids or plan in members`, the ids taken when the
+  // members were gathered: a member is settled by identity in one step.
   bool contains(PyObject* plan) {
     if (std::binary_search(identities_.begin(), identities_.end(), plan, std::less<PyObject*>())) return true;
     if (!indexed_) return literal_from(plan, 0);
     Ref id = equality_->plain_id(plan);
-    indexed_ = false;
-    if (!id) return literal_from(plan, 0);
-    Py_ssize_t start = first_odd_;
-    if (Ref same = dict_find(first_by_id_.get(), id.get())) {
-      Py_ssize_t at = 0;
-      while (at < start && PyList_GET_ITEM(members_, at) != same.get()) ++at;
-      start = at;
+    if (!id) {
+      indexed_ = false;
+      return literal_from(plan, 0);
     }
     // Members before `start` compare unequal without running Python code.
+    Py_ssize_t start = first_odd_;
+    if (Ref at = dict_find(first_by_id_.get(), id.get())) start = std::min(start, PyLong_AsSsize_t(at.get()));
     indexed_ = start == PyList_GET_SIZE(members_);
     return literal_from(plan, start);
   }
@@ -210,10 +212,10 @@ class Membership {
   }
 
   PyObject* members_;
-  std::vector<PyObject*> identities_;  // the members themselves, in address order
+  std::vector<PyObject*> identities_;  // the members when gathered, in address order
   std::optional<RecordEquality> equality_;
-  bool indexed_ = false;     // no Python code ran since the index was built
-  Ref first_by_id_;          // page id -> its first plain member
+  bool indexed_ = false;      // no Python code ran since the index was built
+  Ref first_by_id_;           // page id -> position of its first plain member
   Py_ssize_t first_odd_ = 0;  // position of the first member that is not plain
 };
 
