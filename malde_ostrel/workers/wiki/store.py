@@ -295,6 +295,11 @@ class Repository:
         )
         return {row["page_id"]: row for row in (self._decode(branch, raw) for raw in cursor)}
 
+    def page_ids(self, branch: str) -> set[str]:
+        """The ids of the branch's pages."""
+        cursor = self.db.execute("SELECT page_id FROM wiki_pages WHERE branch = ?", (branch,))
+        return {str(page_id) for (page_id,) in cursor}
+
     def row(self, branch: str, page_id: str) -> dict[str, Any] | None:
         """One page row, or None when the branch has no such page."""
         raw = self.db.execute(
@@ -426,6 +431,11 @@ def decode_json(text: Any) -> Any:
     """The value of a JSON text; None when it is not JSON text at all."""
     if not isinstance(text, str):
         return None
+    # Most list and mapping columns are empty: json.loads("[]") or ("{}").
+    if text == "[]":
+        return []
+    if text == "{}":
+        return {}
     try:
         return json.loads(text)
     except ValueError:

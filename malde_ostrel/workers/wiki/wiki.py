@@ -113,12 +113,14 @@ class Wiki:
         self.wiki_dir = wiki_dir
         self._named = named  # the branch was asked for by name
         self._snap: repo_scan.Snapshot | None = None
+        self._unused: repo_scan.Snapshot | None = None  # taken by open(), not used yet
 
     def close(self) -> None:
         """Stop the git reader of the last snapshot, if any."""
-        if self._snap is not None:
-            self._snap.close()
-            self._snap = None
+        for snap in (self._snap, self._unused):
+            if snap is not None:
+                snap.close()
+        self._snap = self._unused = None
 
     def __enter__(self) -> Wiki:
         return self
@@ -136,7 +138,9 @@ class Wiki:
         wiki_dir: Path | None = None,
     ) -> Wiki:
         """The wiki of ``branch`` (default: the checked-out one) of the
-        repository holding ``repo`` (default: the current directory)."""
+        repository holding ``repo`` (default: the current directory). The
+        first operation works on the tree as it was when the wiki was opened;
+        every later one looks at the tree again."""
         start = (repo or Path.cwd()).expanduser()
         if not start.exists():
             raise WikiError(f"repository {start} does not exist")
@@ -146,8 +150,11 @@ class Wiki:
         if branch is not None:
             check_branch_name(branch)
         snap = _snapshot(root, branch)
-        snap.close()
-        check_branch_name(snap.branch)
+        try:
+            check_branch_name(snap.branch)
+        except BaseException:
+            snap.close()
+            raise
         legacy = root / LEGACY_STORE
         state = repo_scan.state_dir(root)
         # A store an earlier release made in the work tree stays in use, with its wikis.
@@ -158,8 +165,10 @@ class Wiki:
         if wiki_dir is None:
             base = root / LEGACY_WIKI_ROOT if use_legacy else state / "wiki"
             wiki_dir = base / snap.branch
-        return cls(root, snap.branch, store.expanduser(), wiki_dir.expanduser(),
+        wiki = cls(root, snap.branch, store.expanduser(), wiki_dir.expanduser(),
                    named=branch is not None)
+        wiki._unused = snap  # the first operation plans from it: one listing per command
+        return wiki
 
     # ------------------------------------------------------------ plumbing
 
@@ -172,8 +181,10 @@ class Wiki:
         return self.wiki_dir / PLAN_LOG_NAME
 
     def _snapshot(self) -> repo_scan.Snapshot:
-        self.close()
-        self._snap = _snapshot(self.root, self.branch if self._named else None)
+        unused, self._unused = self._unused, None
+        if self._snap is not None:
+            self._snap.close()
+        self._snap = unused or _snapshot(self.root, self.branch if self._named else None)
         return self._snap
 
     def _own_output(self) -> list[str]:
@@ -248,7 +259,8 @@ class Wiki:
                 for page_id, row in changed.items():
                     repo.upsert_wiki_page(self.branch, page_id, str(row["title"]), **{
                         k: row[k] for k in ("source_files", "source_hashes", "build_cache")})
-                gen.reload()
+                if changed:
+                    gen.reload()
                 before = dict(gen._existing)
                 first = not before
                 if first:
@@ -262,7 +274,7 @@ class Wiki:
                 rows = dict(gen._existing)
                 retired = gen._retire_pages(amendments)
                 gen._persist_plan_skeleton(plans)
-                _record_new_pages(gen, plans, set(repo.rows(self.branch)))
+                _record_new_pages(gen, plans, repo.page_ids(self.branch))
                 gen._mark_synthesis_stale(self._settle_parents(repo, plans, rows))
                 records.extend(amendments)
                 if not first:
