@@ -7,8 +7,9 @@ from pathlib import Path
 
 import pytest
 
-from malde_ostrel.workers.wiki.citecheck import check
+from malde_ostrel.workers.wiki.citecheck import check, covered
 from malde_ostrel.workers.wiki.repo_scan import snapshot
+from malde_ostrel.workers.wiki.types import PagePlan
 
 
 def git(repo: Path, *args: str) -> None:
@@ -67,3 +68,14 @@ def test_check_reads_the_named_branch_and_the_page_files(repo: Path) -> None:
         "cites src/x.py:12, but the file has 10 lines",
     ]
     side.close()
+
+
+def test_covered_files_of_parents_and_overview_pages() -> None:
+    parts = [PagePlan("d-part-a", "d (a)", "module", source_files=["d/a.py"]),
+             PagePlan("d-part-b", "d (b)", "module", source_files=["d/b.py"])]
+    parent = PagePlan("d", "d", "module", children=["d-part-a", "d-part-b"])
+    overview = PagePlan("overview", "Overview", "overview")
+    plans = [overview, parent, *parts]
+    assert covered(parent, plans, ["x"]) == ["d/a.py", "d/b.py"]
+    assert covered(parts[1], plans, ["x"]) == ["d/b.py"]
+    assert covered(overview, plans, ["x"]) == ["x"]

@@ -10,10 +10,11 @@ committed files.
 from __future__ import annotations
 
 import re
-from collections.abc import Collection
+from collections.abc import Collection, Iterable
 
 from malde_ostrel.workers.wiki.repo_facts import _norm
 from malde_ostrel.workers.wiki.repo_scan import Snapshot
+from malde_ostrel.workers.wiki.types import PagePlan
 from malde_ostrel.workers.wiki.verify import prose_citations
 
 # A path in double brackets without lines, optionally naming a symbol:
@@ -33,6 +34,17 @@ def _line_count(snapshot: Snapshot, path: str) -> int | None:
     if data is None:
         return None
     return data.count(b"\n") + (not data.endswith(b"\n") and data != b"")
+
+
+def covered(page: PagePlan, plans: Iterable[PagePlan], every: Collection[str]) -> Collection[str]:
+    """The files ``page`` may cite: its own, and its parts' for a family
+    parent; ``every`` file for an overview page."""
+    if page.level == "overview":
+        return every
+    if page.children:
+        parts = set(page.children)
+        return [path for plan in plans if plan.page_id in parts for path in plan.source_files]
+    return page.source_files
 
 
 def check(body: str, page_files: Collection[str], snapshot: Snapshot) -> list[str]:
