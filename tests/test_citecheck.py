@@ -71,10 +71,10 @@ def test_check_reads_the_named_branch_and_the_page_files(repo: Path) -> None:
 
 
 def test_covered_files_of_parents_and_overview_pages() -> None:
-    parts = [PagePlan("d-part-a", "d (a)", "module", source_files=["d/a.py"]),
-             PagePlan("d-part-b", "d (b)", "module", source_files=["d/b.py"])]
-    parent = PagePlan("d", "d", "module", children=["d-part-a", "d-part-b"])
-    overview = PagePlan("overview", "Overview", "overview")
+    parts = [PagePlan(page_id="d-part-a", source_files=["d/a.py"]),
+             PagePlan(page_id="d-part-b", source_files=["d/b.py"])]
+    parent = PagePlan(page_id="d", children=["d-part-a", "d-part-b"])
+    overview = PagePlan(page_id="overview", level="overview")
     plans = [overview, parent, *parts]
     assert covered(parent, plans, ["x"]) == ["d/a.py", "d/b.py"]
     assert covered(parts[1], plans, ["x"]) == ["d/b.py"]
