@@ -107,13 +107,13 @@ class Progress:
         return self
 
     def __call__(self, done: int, total: int) -> None:
-        if self._out is None:
+        if self._out is None or total <= 0:
             return
         now = self._clock()
         if now - self._started < self._delay:
             return
-        if self._drawn_at is not None and now - self._drawn_at < PROGRESS_EVERY and done < total:
-            return
+        if self._drawn_at is not None and now - self._drawn_at < PROGRESS_EVERY:
+            return  # many quick calls (one per page) draw ten times a second at most
         self._drawn_at = now
         count = f" {done}/{total}"
         cells = min(BAR_CELLS, self._width - len(self.label) - len(count) - 4)
