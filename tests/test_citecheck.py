@@ -22,11 +22,11 @@ def git(repo: Path, *args: str) -> None:
 def repo(tmp_path_factory: pytest.TempPathFactory) -> Path:
     """main: src/x.py (30 lines), src/y.py (6), raw.bin (3, not UTF-8); branch side: x.py has 10."""
     root = tmp_path_factory.mktemp("repo")
-    git(root, "init", "-q")
     (root / "src").mkdir()
-    (root / "src/x.py").write_text("x\n" * 10)
-    (root / "src/y.py").write_text("y\n" * 5 + "last")
-    (root / "raw.bin").write_bytes(b"\xff\n\xfe\n\xfd")
+    for name, data in [("src/x.py", b"x\n" * 10), ("src/y.py", b"y\n" * 5 + b"last"),
+                       ("raw.bin", b"\xff\n\xfe\n\xfd")]:  # fmt: skip
+        (root / name).write_bytes(data)
+    git(root, "init", "-q")
     git(root, "add", ".")
     git(root, "commit", "-qm", "one")
     git(root, "branch", "side")
@@ -53,7 +53,6 @@ def repo(tmp_path_factory: pytest.TempPathFactory) -> Path:
 ])  # fmt: skip
 def test_check(repo: Path, branch: str | None, body: str, problems: list[str]) -> None:
     snap = snapshot(repo, branch)
-    assert snap.checked_out == (branch is None)
     assert check(body, ["src/x.py", "./src/y.py", "raw.bin"], snap) == problems
     assert check("[[src/x.py:1]]", ["src/y.py"], snap) == [
         "cites src/x.py, which this page does not cover"]
