@@ -52,14 +52,19 @@ def main() -> int:
     again from the installed copy, or say what to do (exit status 1)."""
     try:
         importlib.import_module(NATIVE)
-    except ModuleNotFoundError as exc:
-        if exc.name != NATIVE:
-            raise
+    except ImportError as exc:
+        if not isinstance(exc, ModuleNotFoundError) or exc.name != NATIVE:
+            print(f"{PROG}: error: the native module cannot be loaded ({exc}); "
+                  "reinstall the package (pip install .)", file=sys.stderr)
+            return 1
         package_dir = Path(__file__).resolve().parents[2]
         if not sys.flags.safe_path and installed_copy(package_dir.parent) is not None:
             sys.stdout.flush()
             sys.stderr.flush()
-            os.execv(sys.executable, [sys.executable, "-P", *sys.orig_argv[1:]])
+            try:
+                os.execv(sys.executable, [sys.executable, "-P", *sys.orig_argv[1:]])
+            except OSError:
+                pass  # fall through to the advice
         print(NOT_BUILT, file=sys.stderr)
         return 1
     from malde_ostrel.workers.wiki.cli import main as cli_main
