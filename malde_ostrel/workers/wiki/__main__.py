@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import sys
 
-from malde_ostrel.workers.wiki.cli import main
+from malde_ostrel.workers.wiki._launch import main
 
 if __name__ == "__main__":
     sys.exit(main())

@@ -18,13 +18,15 @@ import logging
 import os
 import sqlite3
 import sys
-from collections.abc import Callable, Sequence
+from collections.abc import Callable, Iterator, Sequence
+from contextlib import contextmanager
 from pathlib import Path
 from typing import Any
 
+from malde_ostrel.workers.wiki import termui
 from malde_ostrel.workers.wiki.planner import SteeringError
 from malde_ostrel.workers.wiki.repo_scan import RepoError
-from malde_ostrel.workers.wiki.reports import WikiError, as_json
+from malde_ostrel.workers.wiki.reports import CitationError, WikiError, as_json
 from malde_ostrel.workers.wiki.store import DOCTOR_HINT, StoreError
 from malde_ostrel.workers.wiki.wiki import PROG, Wiki
 
@@ -49,11 +51,24 @@ def _warn(message: str) -> None:
     print(f"{PROG}: warning: {message}", file=sys.stderr)
 
 
+@contextmanager
+def _hashing(wiki: Wiki) -> Iterator[None]:
+    """A progress bar while the wiki hashes files (on a terminal, after a
+    second), wiped before the command prints."""
+    with termui.Progress("hashing files") as progress:
+        wiki.progress = progress
+        try:
+            yield
+        finally:
+            wiki.progress = None
+
+
 # ---------------------------------------------------------------- commands
 
 
 def cmd_plan(wiki: Wiki, args: argparse.Namespace) -> Any:
-    report = wiki.plan(replan=bool(args.replan))
+    with _hashing(wiki):
+        report = wiki.plan(replan=bool(args.replan))
     for warning in report.warnings:
         _warn(warning)
     if report.drift:
@@ -70,7 +85,7 @@ def cmd_plan(wiki: Wiki, args: argparse.Namespace) -> Any:
          p.state, "to write" if p.to_write else ""]
         for p in report.pages
     ]
-    _print_table(["PAGE", "LEVEL", "TITLE", "FILES", "STATE", "WRITE"], rows)
+    _print_table(["PAGE", "LEVEL", "TITLE", "FILES", "STATE", "WRITE"], rows, shrink=[2, 0])
     print()
     if report.amendments:
         print(f"Amendments ({len(report.amendments)}):")
@@ -95,12 +110,19 @@ def _read_body(name: str) -> str:
 
 
 def cmd_save(wiki: Wiki, args: argparse.Namespace) -> Any:
-    report = wiki.save(str(args.page_id), _read_body(str(args.body)),
-                       allow_empty=bool(args.allow_empty))
+    body = _read_body(str(args.body))
+    try:
+        with _hashing(wiki):
+            report = wiki.save(str(args.page_id), body, allow_empty=bool(args.allow_empty),
+                               strict=bool(args.strict))
+    except CitationError as exc:
+        for problem in exc.problems:
+            _warn(f"{args.page_id}: {problem}")
+        raise
     for warning in report.warnings:
         _warn(warning)
-    for path in report.unknown_citations:
-        _warn(f"{report.page_id} cites {path}, not a repository file")
+    for problem in report.citation_problems:
+        _warn(f"{report.page_id}: {problem}")
     for page in report.replaced_carried:
         _warn(f"the text carried from {page} into {report.page_id} is replaced by this save; "
               f"it stays in the archive (`{PROG} archive`)")
@@ -115,7 +137,8 @@ def cmd_save(wiki: Wiki, args: argparse.Namespace) -> Any:
 
 
 def cmd_status(wiki: Wiki, args: argparse.Namespace) -> Any:
-    report = wiki.status()
+    with _hashing(wiki):
+        report = wiki.status()
     if args.json:
         return report
     if not report.plan_of_record:
@@ -171,7 +194,8 @@ def cmd_log(wiki: Wiki, args: argparse.Namespace) -> Any:
 
 
 def cmd_show(wiki: Wiki, args: argparse.Namespace) -> Any:
-    report = wiki.show(str(args.page_id))
+    with _hashing(wiki):
+        report = wiki.show(str(args.page_id))
     if args.json:
         return report
     print(f"{report.page_id}: {report.title}" + ("  (to write)" if report.to_write else ""))
@@ -236,11 +260,10 @@ def cmd_doctor(wiki: Wiki, args: argparse.Namespace) -> Any:
 # ---------------------------------------------------------------- output
 
 
-def _print_table(header: list[str], rows: list[list[str]]) -> None:
-    widths = [max(len(cell) for cell in column) for column in zip(header, *rows, strict=True)]
-    for line in [header, *rows]:
-        cells = (cell.ljust(width) for cell, width in zip(line, widths, strict=True))
-        print("  ".join(cells).rstrip())
+def _print_table(header: list[str], rows: list[list[str]], *, shrink: Sequence[int] = ()) -> None:
+    """The table; on a terminal, the ``shrink`` columns are cut to fit its width."""
+    for line in termui.fit_table(header, rows, termui.terminal_width(sys.stdout), shrink=shrink):
+        print(line)
 
 
 def _print_amendments(amendments: list[dict[str, Any]]) -> None:
@@ -302,6 +325,8 @@ def build_parser() -> argparse.ArgumentParser:
     save.add_argument("page_id", metavar="PAGE_ID")
     save.add_argument("body", metavar="BODY.md", help="the page body (Markdown, UTF-8; - for stdin)")
     save.add_argument("--allow-empty", action="store_true", help="accept an empty body")
+    save.add_argument("--strict", action="store_true",
+                      help="refuse a body whose citations point nowhere (exit 1, nothing written)")
     add("status", cmd_status, "pages to write, and changes under written pages")
     log = add("log", cmd_log, "the plan audit log, last runs")
     log.add_argument("-n", type=_positive, default=DEFAULT_LOG_RUNS, metavar="N",

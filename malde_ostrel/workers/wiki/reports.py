@@ -14,6 +14,15 @@ class WikiError(Exception):
     """A one-line reason an operation cannot be done, naming the thing and what to do."""
 
 
+class CitationError(WikiError):
+    """A strict save refused for the citation problems in ``problems``."""
+
+    def __init__(self, page_id: str, problems: list[str]) -> None:
+        super().__init__(f"{page_id} was not saved: {len(problems)} citation problem(s); "
+                         "fix them, or save without --strict")
+        self.problems = problems
+
+
 def as_json(report: Any) -> Any:
     if isinstance(report, list):
         return [as_json(item) for item in report]
@@ -57,6 +66,7 @@ class SaveReport:
     unknown_citations: list[str]
     replaced_carried: list[str]  # pages whose carried text this save replaced (kept in the archive)
     warnings: list[str] = dataclasses.field(default_factory=list)
+    citation_problems: list[str] = dataclasses.field(default_factory=list)  # one line each
 
 
 @dataclasses.dataclass

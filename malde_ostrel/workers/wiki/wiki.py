@@ -25,10 +25,19 @@ import os
 from collections.abc import Iterator
 from contextlib import contextmanager
 from datetime import datetime
+from functools import partial
 from pathlib import Path
 from typing import Any, Final
 
-from malde_ostrel.workers.wiki import carry, doctor, planner, plan_record, renames, repo_scan
+from malde_ostrel.workers.wiki import (
+    carry,
+    citecheck,
+    doctor,
+    planner,
+    plan_record,
+    renames,
+    repo_scan,
+)
 from malde_ostrel.workers.wiki.auditlog import page_history, read_runs
 from malde_ostrel.workers.wiki.journal import PLAN_LOG_NAME, Journal, new_run_id
 from malde_ostrel.workers.wiki.locking import store_lock
@@ -37,6 +46,7 @@ from malde_ostrel.workers.wiki.replan_carry import ReplanRemap, amend
 from malde_ostrel.workers.wiki.repo_facts import _norm
 from malde_ostrel.workers.wiki.reports import (
     ArchiveEntry,
+    CitationError,
     DoctorReport,
     HistoryEvent,
     LogReport,
@@ -114,6 +124,8 @@ class Wiki:
         self._named = named  # the branch was asked for by name
         self._snap: repo_scan.Snapshot | None = None
         self._unused: repo_scan.Snapshot | None = None  # taken by open(), not used yet
+        # Told (done, total) while files are hashed; the command line draws a bar.
+        self.progress: repo_scan.Progress | None = None
 
     def close(self) -> None:
         """Stop the git reader of the last snapshot, if any."""
@@ -225,7 +237,7 @@ class Wiki:
         self, db: Database, snap: repo_scan.Snapshot, steering: planner.Steering
     ) -> WikiGenerator:
         return WikiGenerator(self.root, Repository(db), self.branch, self.pages_dir,
-                             steering.text, hasher=snap.hashes)
+                             steering.text, hasher=partial(snap.hashes, progress=self.progress))
 
     def _moves(self, repo: Repository, snap: repo_scan.Snapshot) -> dict[str, str]:
         commit = repo.plan_commit(self.branch)
@@ -363,8 +375,10 @@ class Wiki:
 
     # ------------------------------------------------------------ save
 
-    def save(self, page_id: str, body: str, *, allow_empty: bool = False) -> SaveReport:
-        """Store the text of one page of the plan of record."""
+    def save(self, page_id: str, body: str, *, allow_empty: bool = False,
+             strict: bool = False) -> SaveReport:
+        """Store the text of one page of the plan of record. Citations that
+        point nowhere are reported; with ``strict`` they refuse the save."""
         if not body.strip() and not allow_empty:
             raise WikiError(f"the body for {page_id} is empty; pass --allow-empty to save it anyway")
         snap = self._snapshot()
@@ -388,6 +402,9 @@ class Wiki:
                     if page_id not in stored:
                         raise WikiError(f"page {page_id} is planned but not yet of record on "
                                         f"branch {self.branch}; run `{PROG} plan` first")
+                    problems = citecheck.check(body, citecheck.covered(plan, plans, snap.paths), snap)
+                    if problems and strict:
+                        raise CitationError(page_id, problems)
                     citations = prose_citations(body)
                     replaced = [e["page_id"] for e in repo.archived(self.branch)
                                 if e["open"] and e["carried_to"] == page_id]
@@ -403,7 +420,7 @@ class Wiki:
         known = set(snap.paths)
         unknown = sorted({str(c["path"]) for c in citations if _norm(str(c["path"])) not in known})
         return SaveReport(page_id, str(self.pages_dir / f"{page_id}.md"), len(citations),
-                          sections, unknown, replaced, warnings)
+                          sections, unknown, replaced, warnings, citation_problems=problems)
 
     # ------------------------------------------------------------ read-outs
 
