@@ -262,8 +262,8 @@ def cmd_doctor(wiki: Wiki, args: argparse.Namespace) -> Any:
 
 def _print_table(header: list[str], rows: list[list[str]], *, shrink: Sequence[int] = ()) -> None:
     """The table; on a terminal, the ``shrink`` columns are cut to fit its width."""
-    for line in termui.fit_table(header, rows, termui.terminal_width(sys.stdout), shrink=shrink):
-        print(line)
+    lines = termui.fit_table(header, rows, termui.terminal_width(sys.stdout), shrink=shrink)
+    print("\n".join(lines))
 
 
 def _print_amendments(amendments: list[dict[str, Any]]) -> None:

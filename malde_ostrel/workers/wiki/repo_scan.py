@@ -91,6 +91,8 @@ class Snapshot:
     known_ids: dict[str, str] = dataclasses.field(default_factory=dict, repr=False)
     # Whether ``root`` is a git work tree.
     in_git: bool = False
+    # The tree is the commit's own: no staged or work-tree change of a tracked file.
+    pristine: bool = dataclasses.field(default=False, repr=False)
     _blobs: git_io.BlobReader | None = dataclasses.field(
         default=None, repr=False, compare=False
     )
@@ -219,6 +221,8 @@ class Snapshot:
         files not); {} when the commit is unknown or outside git."""
         if not self.in_git or not commit or commit.startswith("-"):
             return {}
+        if commit == self.commit and (self.pristine or not self.checked_out):
+            return {}  # the tree is that commit's: nothing moved
         args = ["diff", "-M", "--name-status", "-z", "--no-ext-diff", commit]
         if not self.checked_out:
             if self.commit is None:
@@ -282,6 +286,7 @@ def _work_tree(root: Path, branch: str | None) -> Snapshot:
     head = DEFAULT_BRANCH
     changed: set[str] = set()
     deleted: set[str] = set()
+    pristine = True
     fields = git_io.records(out)
     i = 0
     while i < len(fields):
@@ -294,6 +299,7 @@ def _work_tree(root: Path, branch: str | None) -> Snapshot:
         elif record.startswith("# branch.head "):
             head = record[len("# branch.head ") :]
         elif kind in ("1 ", "2 "):
+            pristine = False
             parts = record.split(" ", 8 if kind == "1 " else 9)
             if kind == "2 ":
                 i += 1  # the original path of a rename
@@ -303,6 +309,7 @@ def _work_tree(root: Path, branch: str | None) -> Snapshot:
             elif worktree != ".":
                 changed.add(parts[-1])
         elif kind == "u ":
+            pristine = False
             changed.add(record.split(" ", 10)[-1])
     if branch is None and head == "(detached)":
         raise RepoError("HEAD is detached; name the branch with --branch")
@@ -318,7 +325,8 @@ def _work_tree(root: Path, branch: str | None) -> Snapshot:
     paths = sorted(known)
     for path in changed.union(odd):
         known.pop(path, None)  # live, but git's id is not the content's
-    return Snapshot(root, branch or head, commit, True, paths, known, in_git=True)
+    return Snapshot(root, branch or head, commit, True, paths, known, in_git=True,
+                    pristine=pristine)
 
 
 def _committed(root: Path, branch: str) -> Snapshot:

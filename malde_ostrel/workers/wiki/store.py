@@ -287,13 +287,17 @@ class Repository:
             (branch, page_id, *values),
         )
 
-    def rows(self, branch: str) -> dict[str, dict[str, Any]]:
-        """The branch's page rows by page id, in page id order."""
+    def rows(
+        self, branch: str, *, columns: Sequence[str] | None = None
+    ) -> dict[str, dict[str, Any]]:
+        """The branch's page rows by page id, in page id order; with
+        ``columns``, rows of just those columns and the page id."""
+        names = _COLUMNS if columns is None else ("page_id", *(c for c in columns if c in _COLUMNS))
         cursor = self.db.execute(
-            f"SELECT {', '.join(_COLUMNS)} FROM wiki_pages WHERE branch = ? ORDER BY page_id",
+            f"SELECT {', '.join(names)} FROM wiki_pages WHERE branch = ? ORDER BY page_id",
             (branch,),
         )
-        return {row["page_id"]: row for row in (self._decode(branch, raw) for raw in cursor)}
+        return {row["page_id"]: row for row in (self._decode(branch, raw, names) for raw in cursor)}
 
     def page_ids(self, branch: str) -> set[str]:
         """The ids of the branch's pages."""
@@ -317,9 +321,13 @@ class Repository:
         return [str(branch) for (branch,) in cursor]
 
 
-    def _decode(self, branch: str, raw: Sequence[Any]) -> dict[str, Any]:
-        row: dict[str, Any] = dict(zip(_COLUMNS, raw, strict=True))
+    def _decode(
+        self, branch: str, raw: Sequence[Any], names: Sequence[str] = _COLUMNS
+    ) -> dict[str, Any]:
+        row: dict[str, Any] = dict(zip(names, raw, strict=True))
         for name, kind in _JSON_KINDS.items():
+            if name not in row:
+                continue
             value = decode_json(row[name])
             if not isinstance(value, kind):
                 raise StoreError(

@@ -111,6 +111,10 @@ def check_store_file(path: Path) -> None:
             )
 
 
+# The row columns stale page selection reads.
+STALE_INPUTS: Final = ("source_files", "source_hashes")
+
+
 class Wiki:
     """The wiki of one branch: its repository root, store and wiki directory."""
 
@@ -305,7 +309,8 @@ class Wiki:
                         "run": new_run_id(),
                     })
             warnings += _finish(journal)
-            gen.reload()
+            # Only the files and hashes a row records decide which pages to write.
+            gen._existing = repo.rows(self.branch, columns=STALE_INPUTS)
             # A replan is the cure the drift warning suggests: no warning after one.
             drift = None if first or replan else plan_record.drift_signal(amendments, len(plans))
             if drift:
