@@ -83,7 +83,7 @@ def main() -> int:
         subprocess.run(["git", "clone", "-q", "--no-local", str(args.repository), str(work)],
                        env=ENV, check=True)
         git(work, "checkout", "-q", "-B", "replay", commits[0])
-        tool, saved = Tool(work, state), {}
+        tool, saved = Tool(work, state), dict[str, str]()
         for sha in commits:
             git(work, "reset", "-q", "--hard", sha)
             report, errors = tool.run("--json", "plan")
