@@ -97,6 +97,16 @@ class Backwards(str):
     __hash__ = str.__hash__
 
 
+class Shown:
+    """A value whose text form is a `Backwards` text."""
+
+    def __init__(self, text: str) -> None:
+        self.text = text
+
+    def __str__(self) -> str:
+        return Backwards(self.text)
+
+
 class Items(list):  # type: ignore[type-arg]
     pass
 
@@ -114,7 +124,7 @@ FAILS.append(frozenset().union(*FAILS))
 BIG = 10**30
 LINES = [1, 1, 2, 3, True, BIG, -BIG, 2**64 + 1]
 BODY_LINES = ["", "## A", "##  B ##", "```", "~~~", "text [[a.c:1-2|f]]", "[[b.c:3]] x"]
-BODY_LINES += ["#### deep", "[[d/e.c:1]]", f"[[c.c:1]] [[c.c:{BIG}-{BIG}]]"]
+BODY_LINES += ["#### deep", "[[d/e.c:1]] [[c.c:1]]", " ".join(f"[[{path}:{BIG}-{BIG}]]" for path in FILES)]
 
 
 def recipes(hostile: bool) -> SimpleNamespace:
@@ -181,9 +191,27 @@ def recipes(hostile: bool) -> SimpleNamespace:
         {"reason": text(["r", "\u2028\u00fc"]), "level": level},
     )
     line = laced(st.sampled_from(LINES).map(lambda n: ("int", n)))
-    citations = seq(
-        record({"path": text(FILES), "line_start": line, "line_end": line}, {"symbol": text(["f", "g", ""])})
-    )
+
+    def shown(choices: list[str]) -> st.SearchStrategy[Any]:  # texts or values shown as `Backwards` texts
+        return st.integers(0, 3).flatmap(
+            lambda i: text(choices) if i else st.sampled_from(choices).map(lambda s: ("shown", s))
+        )
+
+    cited = {"path": shown(FILES), "line_start": line, "line_end": line}
+    citations = seq(record(cited, {"symbol": shown(["f", "g", ""])}))
+    # Sections that cite every file, and stored citations whose texts and line numbers
+    # test the edges: values shown as texts of their own order, numbers past 64 bits.
+    dense_body = st.just(("text", "## S\n" + " ".join(f"[[{p}:1-2]] [[{p}:{BIG}-{BIG}|f]]" for p in FILES)))
+
+    def cite(path: Any, lines: tuple[int, int], symbol: Any) -> Any:
+        entries = [(("text", "path"), path), (("text", "line_start"), ("int", lines[0]))]
+        entries += [(("text", "line_end"), ("int", lines[1]))] + ([(("text", "symbol"), symbol)] if symbol else [])
+        return ("dict", entries)
+
+    pairs = st.sampled_from([(1, 2), (True, 2), (BIG, BIG), (BIG, -BIG), (2**64 + 1, BIG), (1, 1)])
+    either = st.one_of(text(FILES), st.sampled_from(FILES).map(lambda s: ("shown", s)))
+    dense = st.lists(st.builds(cite, either, pairs, st.none() | shown(["f", "g"])), min_size=2, max_size=6)
+    dense = laced(dense.map(lambda items: ("list", items)))
     body = laced(st.lists(st.sampled_from(BODY_LINES), max_size=8).map(lambda ls: ("text", "\n".join(ls))))
     file_hashes = mapping(st.tuples(text(FILES), text(["h1", "h2"])))
     host = st.fixed_dictionaries({"existing": existing, "branch": text(["main"]), "suppress": flag(),
@@ -210,8 +238,19 @@ def recipes(hostile: bool) -> SimpleNamespace:
         st.tuples(st.just("_section_cache"), st.tuples(body, citations), host),
         st.tuples(st.just("_page_changes"), st.tuples(plan, written_row), host),
     )
+    edges = st.one_of(
+        st.tuples(st.just("section_map"), st.tuples(dense_body, dense, file_hashes), none),
+        st.tuples(st.just("_section_cache"), st.tuples(dense_body, dense), host),
+    )
     return SimpleNamespace(
-        cases=cases, plans=plans, existing=existing, live=live, body=body, citations=citations, file_hashes=file_hashes
+        cases=cases,
+        edges=edges,
+        plans=plans,
+        existing=existing,
+        live=live,
+        body=body,
+        citations=citations,
+        file_hashes=file_hashes,
     )
 
 
@@ -230,8 +269,8 @@ class Builder:
             return None
         if kind in ("int", "float", "bytes", "bool", "text"):
             return recipe[1]
-        if kind in ("strsub", "backwards"):
-            return (Text if kind == "strsub" else Backwards)(recipe[1])
+        if kind in ("strsub", "backwards", "shown"):
+            return {"strsub": Text, "backwards": Backwards, "shown": Shown}[kind](recipe[1])
         if kind == "hostile":
             self.serial += 1
             return Hostile(recipe[1], self.serial)
@@ -452,6 +491,12 @@ class TestCleanInput:
     @examples(normal=300, long=5000)
     @given(case=CLEAN.cases)
     def test_same_results_calls_and_inputs(self, native: ModuleType, twin: ModuleType, case: Any) -> None:
+        STATS["cases"] += 1
+        compare(native, twin, case)
+
+    @examples(normal=150, long=3000)
+    @given(case=CLEAN.edges)
+    def test_section_analysis_at_the_edges(self, native: ModuleType, twin: ModuleType, case: Any) -> None:
         STATS["cases"] += 1
         compare(native, twin, case)
 

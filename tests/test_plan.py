@@ -120,11 +120,16 @@ class TestPinnedAssembly:
         existing = store(
             row("module-a", "a/1.c"), row("module-b", "b/1.c"), row("module-c", "c/1.c"), row("module-d", "gone.c")
         )
-        live = {"a/1.c", "c/1.c", "c/2.c", "c/3.c", "d/1.c"}
+        live = {"a/1.c", "c/1.c", "c/2.c", "c/3.c", "d/1.c", "x/stray.c"}
         fresh = [plan("module-c", "c/1.c", "c/2.c", "c/3.c"), plan("module-d", "d/1.c")]
         plans, amendments, _ = impl.pin_plan(fresh, existing, live)
         by_id = {p.page_id: p for p in plans}
-        assert sorted(by_id) == ["module-a", "module-c", "module-d"]
+        assert sorted(by_id) == ["module-a", "module-additional", "module-c", "module-d"]
+        # A live path that no plan holds goes to a new catch-all page.
+        assert (by_id["module-additional"].title, by_id["module-additional"].source_files) == (
+            "Other code",
+            ["x/stray.c"],
+        )
         assert by_id["module-a"].source_files == ["a/1.c"] and by_id["module-a"] not in fresh
         assert by_id["module-c"] is fresh[0] and fresh[0].source_files == ["c/1.c", "c/2.c", "c/3.c"]
         assert by_id["module-d"] is fresh[1]
@@ -331,15 +336,17 @@ class TestPassThroughAndPaths:
             row("note-1", level="note"),
             row("custom-keep", "a.c"),
             row("custom-kept", "k.c"),
+            row("custom-old", related_pages=["module-a"]),  # a steering page never heads a stored family
         )
         fresh = [plan("module-a", "a.c"), plan("custom-keep", "a.c"), plan("custom-kept", "k.c", level="guide")]
         plans, amendments, _ = impl.pin_plan(fresh, existing, {"a.c", "k.c"})
         assert reasons(amendments) == [
             ("retire", "custom-faq", "removed from steering"),
+            ("retire", "custom-old", "removed from steering"),
             ("retire", "custom-faq", "guide page no longer planned"),
             ("retire", "overview", "overview page no longer planned"),
         ]
-        assert [a.get("level") for a in amendments] == [None, "guide", "overview"]
+        assert [a.get("level") for a in amendments] == [None, None, "guide", "overview"]
         assert sorted(ids(plans)) == ["custom-keep", "custom-kept", "module-a"]
 
     def test_replan_maps_old_pages_and_skips_demotion(self, impl: ModuleType, monkeypatch: pytest.MonkeyPatch) -> None:
