@@ -14,18 +14,12 @@ from types import ModuleType
 import pytest
 from hypothesis import Phase, settings
 
-# "ci": the default run; "long": a deeper search, for runs by hand; "mutation":
-# the ci search, repeatable and without shrinking, for scripts/mutation.
+# "ci": the default run; "long": a deeper search by hand; "mutation": the ci search,
+# repeatable and without shrinking, for scripts/mutation.
 settings.register_profile("ci", max_examples=200, deadline=None)
 settings.register_profile("long", max_examples=5000, deadline=None)
-settings.register_profile(
-    "mutation",
-    max_examples=200,
-    deadline=None,
-    derandomize=True,
-    database=None,
-    phases=[Phase.explicit, Phase.reuse, Phase.generate],
-)
+settings.register_profile("mutation", max_examples=200, deadline=None, derandomize=True, database=None,
+                          phases=[Phase.explicit, Phase.reuse, Phase.generate])  # fmt: skip
 settings.load_profile(os.environ.get("HYPOTHESIS_PROFILE", "ci"))
 
 NATIVE = "malde_ostrel.workers.wiki.plan_record"

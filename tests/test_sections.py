@@ -8,8 +8,6 @@ from types import ModuleType
 from typing import Any
 
 import pytest
-from hypothesis import given
-from hypothesis import strategies as st
 
 from malde_ostrel.workers.wiki.repo_facts import _text_hash
 
@@ -45,38 +43,6 @@ def test_sections(impl: ModuleType, body: str, expected: list[tuple[str, str]]) 
     result = impl._sections(body)
     assert result == expected
     assert all(type(p) is tuple and type(p[0]) is str and type(p[1]) is str for p in result)
-
-
-FRAGMENTS = [
-    "## ",
-    "##\t",
-    "###",
-    "#",
-    " ",
-    "\n",
-    "\n",
-    "\n",
-    "\r",
-    "\u3000",
-    "```",
-    "~~~",
-    "a",
-    "B c",
-    "\u2028",
-    "[[a.c:1]]",
-]
-
-
-@given(body=st.lists(st.sampled_from(FRAGMENTS), max_size=30).map("".join))
-def test_every_line_lands_in_one_section_in_order(impl: ModuleType, body: str) -> None:
-    sections = impl._sections(body)
-    lead, rest = sections[0], sections[1:]
-    assert lead[0] == ""
-    lead_lines = [] if rest and lead[1] == "" and body.split("\n")[0] != "" else lead[1].split("\n")
-    assert lead_lines + [line for _, text in rest for line in text.split("\n")] == body.split("\n")
-    for heading, text in rest:
-        match = impl._SECTION_RE.match(text.split("\n")[0])
-        assert match and match.group(1) == heading
 
 
 def cite(path: Any, start: Any = None, end: Any = None, symbol: Any = None) -> dict[str, Any]:
@@ -142,15 +108,3 @@ def test_section_map(
         {"heading": h, "files": f, "symbols": s, "hash": _text_hash(listing)} for h, f, s, listing in expected
     ]
     assert all(list(entry) == ["heading", "files", "symbols", "hash"] for entry in result)
-
-
-@pytest.mark.parametrize(("start", "error"), [(None, TypeError), ("x", ValueError), ([1], TypeError)])
-def test_section_map_bad_line_numbers(impl: ModuleType, start: Any, error: type) -> None:
-    with pytest.raises(error):
-        impl.section_map("## H", [{"path": "a.c", "line_start": start, "line_end": 1}], {})
-
-
-def test_section_map_matched_record_needs_a_path(impl: ModuleType, monkeypatch: pytest.MonkeyPatch) -> None:
-    monkeypatch.setattr(impl, "citation_key", lambda c: ("", 1, 1))
-    with pytest.raises(KeyError, match="path"):
-        impl.section_map("## H\n[[a.c:1]]", [{"line_start": 1, "line_end": 1}], {})

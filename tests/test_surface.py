@@ -79,15 +79,6 @@ def test_function_binds_as_a_method_and_by_keyword(impl: ModuleType) -> None:
         impl.append_plan_log(None, [{}])
 
 
-def test_native_function_attributes(native: ModuleType) -> None:
-    fn = native._plan_from_row
-    fn.custom = 1
-    assert fn.__dict__["custom"] == 1
-    del fn.custom
-    with pytest.raises(TypeError):
-        fn.__name__ = 3
-
-
 def test_mixin_class(impl: ModuleType) -> None:
     cls = impl.PlanRecordMixin
     assert cls.__mro__[1:] == (page_retirement.PageRetirementMixin, steering.SteeringMixin, object)
