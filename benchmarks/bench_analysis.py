@@ -64,8 +64,11 @@ def make_citations(rng: random.Random) -> list[dict[str, Any]]:
     citations = []
     for i in range(STORED):
         start = rng.randint(1, 900)
-        c: dict[str, Any] = {"path": f"src/pkg{i % 40}/mod{i % 97}.py", "line_start": start,
-                             "line_end": start + rng.randint(0, 40)}
+        c: dict[str, Any] = {
+            "path": f"src/pkg{i % 40}/mod{i % 97}.py",
+            "line_start": start,
+            "line_end": start + rng.randint(0, 40),
+        }
         if rng.random() < 0.4:
             c["symbol"] = f"pkg{i % 40}.mod{i % 97}.func{i}"
         citations.append(c)
@@ -102,8 +105,9 @@ def make_body(size: int, citations: list[dict[str, Any]], rng: random.Random) ->
 def stand_ins(body: str) -> dict[str, Any]:
     """Near-free collaborators: each section's citation keys looked up in a
     prepared table, keys passed through, the listing's length as its hash."""
-    table = {text: [tuple(twin.citation_key(c)) for c in twin.prose_citations(text)]
-             for _, text in twin._sections(body)}
+    table = {
+        text: [tuple(twin.citation_key(c)) for c in twin.prose_citations(text)] for _, text in twin._sections(body)
+    }
     return {"prose_citations": table.get, "citation_key": tuple, "_text_hash": len}
 
 
@@ -141,19 +145,31 @@ def bench_sections(rows: list[tuple[str, str, float, float]]) -> None:
     for label, size in SIZES.items():
         body = make_body(size, citations, rng)
         assert native._sections(body) == twin._sections(body)
-        rows.append(("_sections", label, median_time(lambda: native._sections(body)),
-                     median_time(lambda: twin._sections(body))))
+        rows.append(
+            ("_sections", label, median_time(lambda: native._sections(body)), median_time(lambda: twin._sections(body)))
+        )
 
         assert native.section_map(body, citations, hashes) == twin.section_map(body, citations, hashes)
-        rows.append(("section_map, host", label, median_time(lambda: native.section_map(body, citations, hashes)),
-                     median_time(lambda: twin.section_map(body, citations, hashes))))
+        rows.append(
+            (
+                "section_map, host",
+                label,
+                median_time(lambda: native.section_map(body, citations, hashes)),
+                median_time(lambda: twin.section_map(body, citations, hashes)),
+            )
+        )
 
         restore = rebind((native, twin), stand_ins(body))
         try:
             assert native.section_map(body, citations, hashes) == twin.section_map(body, citations, hashes)
-            rows.append(("section_map, stand-ins", label,
-                         median_time(lambda: native.section_map(body, citations, hashes)),
-                         median_time(lambda: twin.section_map(body, citations, hashes))))
+            rows.append(
+                (
+                    "section_map, stand-ins",
+                    label,
+                    median_time(lambda: native.section_map(body, citations, hashes)),
+                    median_time(lambda: twin.section_map(body, citations, hashes)),
+                )
+            )
         finally:
             restore()
 
@@ -162,19 +178,32 @@ def bench_hostile_keys(rows: list[tuple[str, str, float, float]]) -> None:
     """Line numbers that are multiples of 2**50: keys that differ only in their
     high bits, which a weak hash would send into one probe chain."""
     low = (1 << (63 - HOSTILE_SHIFT)) - 1
-    citations = [{"path": "src/a.py", "line_start": (i & low) << HOSTILE_SHIFT,
-                  "line_end": (i >> (63 - HOSTILE_SHIFT)) << HOSTILE_SHIFT}
-                 for i in range(HOSTILE_CITATIONS)]
+    citations = [
+        {
+            "path": "src/a.py",
+            "line_start": (i & low) << HOSTILE_SHIFT,
+            "line_end": (i >> (63 - HOSTILE_SHIFT)) << HOSTILE_SHIFT,
+        }
+        for i in range(HOSTILE_CITATIONS)
+    ]
     body = "## S\n[[src/a.py:1-2]]"
     assert native.section_map(body, citations, {}) == twin.section_map(body, citations, {})
-    rows.append(("section_map, hostile", "64 Ki", median_time(lambda: native.section_map(body, citations, {})),
-                 median_time(lambda: twin.section_map(body, citations, {}))))
+    rows.append(
+        (
+            "section_map, hostile",
+            "64 Ki",
+            median_time(lambda: native.section_map(body, citations, {})),
+            median_time(lambda: twin.section_map(body, citations, {})),
+        )
+    )
 
 
 def bench_plan_log(rows: list[tuple[str, str, float, float]]) -> None:
     """Ten appends from 1995 lines: nine plain ones and the one that trims."""
-    amendments = [{"action": "add", "page_id": f"module-{i}", "reason": "new subsystem (3 files)",
-                   "level": "module"} for i in range(4)]
+    amendments = [
+        {"action": "add", "page_id": f"module-{i}", "reason": "new subsystem (3 files)", "level": "module"}
+        for i in range(4)
+    ]
     root = Path(tempfile.mkdtemp(prefix="bench-plan-log-"))
     try:
         seed = root / "seed"

@@ -55,8 +55,13 @@ def scenario(pages: int, others: int, seed: int = 7) -> Scenario:
     fresh: list[PagePlan] = []
 
     def stored(page_id: str, files: list[str], **fields: Any) -> None:
-        existing[page_id] = {"page_id": page_id, "title": page_id.title(), "level": "module",
-                             "source_files": files, **fields}
+        existing[page_id] = {
+            "page_id": page_id,
+            "title": page_id.title(),
+            "level": "module",
+            "source_files": files,
+            **fields,
+        }
 
     for i in range(pages):
         page_id = f"module-d{i}"
@@ -68,8 +73,9 @@ def scenario(pages: int, others: int, seed: int = 7) -> Scenario:
             continue
         kept = files if churn > 0.05 else files + [f"d{i}/new{j}.c" for j in range(3)]
         live.update(kept)
-        fresh.append(PagePlan(page_id=page_id, title=page_id.title(), source_files=list(kept),
-                              importance_score=rng.random()))
+        fresh.append(
+            PagePlan(page_id=page_id, title=page_id.title(), source_files=list(kept), importance_score=rng.random())
+        )
     for i in range(max(1, pages // 50)):  # new directories
         files = sorted(f"n{i}/f{j}.c" for j in range(rng.choice([1, 5, 20])))
         live.update(files)
@@ -102,8 +108,7 @@ def scenario(pages: int, others: int, seed: int = 7) -> Scenario:
 
 def copies(fresh: list[PagePlan]) -> list[PagePlan]:
     """New plan objects (pin_plan may change plans in place)."""
-    return [PagePlan(**{k: (list(v) if isinstance(v, list) else v) for k, v in vars(p).items()})
-            for p in fresh]
+    return [PagePlan(**{k: (list(v) if isinstance(v, list) else v) for k, v in vars(p).items()}) for p in fresh]
 
 
 def timings(repeat: int, module: Any, case: Scenario) -> list[float]:
@@ -141,46 +146,50 @@ def svg_plot(rows: list[tuple[int, int, float, float]], path: Path) -> None:
     def y(value_ms: float) -> float:
         return height - bottom - (math.log10(value_ms) - y_lo) / (y_hi - y_lo) * (height - top - bottom)
 
-    out = [f'<svg xmlns="http://www.w3.org/2000/svg" width="{width}" height="{height}" '
-           f'viewBox="0 0 {width} {height}" font-family="sans-serif" font-size="12">',
-           f'<rect width="{width}" height="{height}" fill="white"/>',
-           f'<text x="{left}" y="22" font-size="14">pin_plan: time against stored pages '
-           f'({SERIES_OTHERS} plans outside the code-unit levels)</text>']
+    out = [
+        f'<svg xmlns="http://www.w3.org/2000/svg" width="{width}" height="{height}" '
+        f'viewBox="0 0 {width} {height}" font-family="sans-serif" font-size="12">',
+        f'<rect width="{width}" height="{height}" fill="white"/>',
+        f'<text x="{left}" y="22" font-size="14">pin_plan: time against stored pages '
+        f"({SERIES_OTHERS} plans outside the code-unit levels)</text>",
+    ]
     for decade in range(math.floor(x_lo), math.ceil(x_hi)):
         for step in (1, 2, 5):
             value = step * 10**decade
             if not x_lo <= math.log10(value) <= x_hi:
                 continue
             xv = x(value)
-            out.append(f'<line x1="{xv:.1f}" y1="{top}" x2="{xv:.1f}" y2="{height - bottom}" '
-                       f'stroke="#ddd"/>')
-            out.append(f'<text x="{xv:.1f}" y="{height - bottom + 16}" text-anchor="middle">'
-                       f'{value:,}</text>')
+            out.append(f'<line x1="{xv:.1f}" y1="{top}" x2="{xv:.1f}" y2="{height - bottom}" stroke="#ddd"/>')
+            out.append(f'<text x="{xv:.1f}" y="{height - bottom + 16}" text-anchor="middle">{value:,}</text>')
     for decade in range(math.ceil(y_lo), math.floor(y_hi) + 1):
         yv = y(10**decade)
         out.append(f'<line x1="{left}" y1="{yv:.1f}" x2="{width - right}" y2="{yv:.1f}" stroke="#ddd"/>')
         out.append(f'<text x="{left - 6}" y="{yv + 4:.1f}" text-anchor="end">{10.0**decade:g}</text>')
-    out.append(f'<text x="{(left + width - right) / 2}" y="{height - 12}" text-anchor="middle">'
-               'stored pages</text>')
-    out.append(f'<text x="16" y="{(top + height - bottom) / 2}" text-anchor="middle" '
-               f'transform="rotate(-90 16 {(top + height - bottom) / 2})">median CPU time (ms)</text>')
+    out.append(f'<text x="{(left + width - right) / 2}" y="{height - 12}" text-anchor="middle">stored pages</text>')
+    out.append(
+        f'<text x="16" y="{(top + height - bottom) / 2}" text-anchor="middle" '
+        f'transform="rotate(-90 16 {(top + height - bottom) / 2})">median CPU time (ms)</text>'
+    )
     for index, (label, colour) in enumerate((("native", "#1f6fb4"), ("twin", "#d9661f"))):
         points = " ".join(f"{x(p):.1f},{y(v[index] * 1e3):.1f}" for p, *v in series)
         out.append(f'<polyline points="{points}" fill="none" stroke="{colour}" stroke-width="2"/>')
         for p, *v in series:
             out.append(f'<circle cx="{x(p):.1f}" cy="{y(v[index] * 1e3):.1f}" r="3" fill="{colour}"/>')
-        for p, o, *v in extra:
+        for p, _o, *v in extra:
             cx, cy = x(p), y(v[index] * 1e3)
-            out.append(f'<rect x="{cx - 4:.1f}" y="{cy - 4:.1f}" width="8" height="8" fill="none" '
-                       f'stroke="{colour}" stroke-width="2"/>')
+            out.append(
+                f'<rect x="{cx - 4:.1f}" y="{cy - 4:.1f}" width="8" height="8" fill="none" '
+                f'stroke="{colour}" stroke-width="2"/>'
+            )
         ly = top + 10 + 20 * index
-        out.append(f'<line x1="{width - right + 12}" y1="{ly}" x2="{width - right + 36}" y2="{ly}" '
-                   f'stroke="{colour}" stroke-width="2"/>')
+        out.append(
+            f'<line x1="{width - right + 12}" y1="{ly}" x2="{width - right + 36}" y2="{ly}" '
+            f'stroke="{colour}" stroke-width="2"/>'
+        )
         out.append(f'<text x="{width - right + 42}" y="{ly + 4}">{label}</text>')
     for p, o, *_ in extra:
         ly = top + 60
-        out.append(f'<rect x="{width - right + 20}" y="{ly - 4}" width="8" height="8" fill="none" '
-                   'stroke="black"/>')
+        out.append(f'<rect x="{width - right + 20}" y="{ly - 4}" width="8" height="8" fill="none" stroke="black"/>')
         out.append(f'<text x="{width - right + 42}" y="{ly + 4}">{p:,} pages +</text>')
         out.append(f'<text x="{width - right + 42}" y="{ly + 18}">{o} others</text>')
         break
@@ -192,8 +201,11 @@ def main() -> None:
     parser = argparse.ArgumentParser(description=(__doc__ or "").splitlines()[0])
     parser.add_argument("--repeat", type=int, default=5)
     parser.add_argument("--svg", type=Path, default=SVG_PATH, help="where the plot goes")
-    parser.add_argument("--once", choices=("native", "twin", "none"),
-                        help="call one side once, no timing ('none': build the scenario only)")
+    parser.add_argument(
+        "--once",
+        choices=("native", "twin", "none"),
+        help="call one side once, no timing ('none': build the scenario only)",
+    )
     parser.add_argument("--pages", type=int, default=5_000, help="with --once")
     parser.add_argument("--others", type=int, default=SERIES_OTHERS, help="with --once")
     args = parser.parse_args()

@@ -103,13 +103,9 @@ def measure(
             "--store", str(state / "store.sqlite3"), "--wiki-dir", str(state / "wiki")]  # fmt: skip
     results: dict[str, tuple[float, float, float]] = {}
     timed(["git", "status", "--porcelain"], repo)  # a warm index and page cache
-    results["git status"] = median_of(
-        [timed(["git", "status", "--porcelain"], repo) for _ in range(repeat)]
-    )
+    results["git status"] = median_of([timed(["git", "status", "--porcelain"], repo) for _ in range(repeat)])
     if "inputs" in steps:
-        results["inputs"] = median_of(
-            [timed([python, "-c", INPUTS, str(repo)], repo) for _ in range(repeat)]
-        )
+        results["inputs"] = median_of([timed([python, "-c", INPUTS, str(repo)], repo) for _ in range(repeat)])
     if steps & {"first plan", "warm plan", "status"}:
         first: list[tuple[float, float, float]] = []
         for _ in range(repeat):
@@ -130,8 +126,9 @@ def main() -> None:
     parser.add_argument("--copies", default="2,8,33", help="copies of the library, per size")
     parser.add_argument("--repeat", type=int, default=3, help="runs per figure (median)")
     parser.add_argument("--python", default=sys.executable, help="interpreter with the tool")
-    parser.add_argument("--steps", default=",".join(STEPS[1:]),
-                        help="what to time besides git status (comma-separated)")
+    parser.add_argument(
+        "--steps", default=",".join(STEPS[1:]), help="what to time besides git status (comma-separated)"
+    )
     parser.add_argument("--keep", action="store_true", help="keep the generated repositories")
     args = parser.parse_args()
     work = Path(tempfile.mkdtemp(prefix="bench-tool-"))

@@ -37,8 +37,18 @@ def git(repo: Path, *args: str) -> str:
 
 class Tool:
     def __init__(self, repo: Path, state: Path) -> None:
-        self.base = [sys.executable, "-P", "-m", "malde_ostrel.workers.wiki", "--repo", str(repo),
-                     "--store", str(state / "store.sqlite3"), "--wiki-dir", str(state / "wiki")]
+        self.base = [
+            sys.executable,
+            "-P",
+            "-m",
+            "malde_ostrel.workers.wiki",
+            "--repo",
+            str(repo),
+            "--store",
+            str(state / "store.sqlite3"),
+            "--wiki-dir",
+            str(state / "wiki"),
+        ]
         self.store, self.pages = state / "store.sqlite3", state / "wiki" / "pages"
         self.failures: list[str] = []
 
@@ -57,8 +67,9 @@ def check(tool: Tool, saved: dict[str, str], planned: set[str]) -> list[str]:
         pending = db.execute("SELECT count(*) FROM journal").fetchone()[0]
     texts = {p.stem: p.read_text() for p in tool.pages.glob("*.md")}
     for marker in saved:
-        if not any(marker in t for p, t in texts.items() if p in planned | rows) and \
-                not any(marker in b for b in archived):
+        if not any(marker in t for p, t in texts.items() if p in planned | rows) and not any(
+            marker in b for b in archived
+        ):
             problems.append(f"lost {marker}")
     problems += [f"stranded text {p}" for p in texts if p not in planned | rows]
     problems += [f"{pending} journal entries pending"] if pending else []
@@ -80,8 +91,7 @@ def main() -> int:
     actions: dict[str, int] = {}
     with tempfile.TemporaryDirectory(prefix="replay-") as tmp:
         work, state = Path(tmp) / "work", Path(tmp) / "state"
-        subprocess.run(["git", "clone", "-q", "--no-local", str(args.repository), str(work)],
-                       env=ENV, check=True)
+        subprocess.run(["git", "clone", "-q", "--no-local", str(args.repository), str(work)], env=ENV, check=True)
         git(work, "checkout", "-q", "-B", "replay", commits[0])
         tool, saved = Tool(work, state), dict[str, str]()
         for sha in commits:
@@ -104,8 +114,10 @@ def main() -> int:
             tool.failures = []
             totals["commits"] += 1
             totals["problems"] += len(problems)
-            print(f"{sha[:8]} {len(planned):4d} pages {len(saved):4d} texts"
-                  + "".join(f"\n  {p}" for p in problems), flush=True)
+            print(
+                f"{sha[:8]} {len(planned):4d} pages {len(saved):4d} texts" + "".join(f"\n  {p}" for p in problems),
+                flush=True,
+            )
     print(" ".join(f"{k} {v}" for k, v in totals.items()))
     print("records: " + " ".join(f"{k} {v}" for k, v in sorted(actions.items())))
     return 1 if totals["problems"] else 0

@@ -54,8 +54,7 @@ def repo(tmp_path_factory: pytest.TempPathFactory) -> Path:
 def test_check(repo: Path, branch: str | None, body: str, problems: list[str]) -> None:
     snap = snapshot(repo, branch)
     assert check(body, ["src/x.py", "./src/y.py", "raw.bin"], snap) == problems
-    assert check("[[src/x.py:1]]", ["src/y.py"], snap) == [
-        "cites src/x.py, which this page does not cover"]
+    assert check("[[src/x.py:1]]", ["src/y.py"], snap) == ["cites src/x.py, which this page does not cover"]
     snap.close()
 
 
@@ -64,4 +63,8 @@ def test_covered_files_of_parents_and_overview_pages() -> None:
     parent = PagePlan(page_id="d", children=["d-a", "d-b"])
     plans = [PagePlan(page_id="overview", level="overview"), parent, *parts]
     assert [list(covered(page, plans, ["x"])) for page in plans] == [
-        ["x"], ["d/a.py", "d/b.py"], ["d/a.py"], ["d/b.py"]]
+        ["x"],
+        ["d/a.py", "d/b.py"],
+        ["d/a.py"],
+        ["d/b.py"],
+    ]

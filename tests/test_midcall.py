@@ -80,8 +80,9 @@ class Sweeper(str):
 def pinned_levels_in_step_10(m: ModuleType, patch: pytest.MonkeyPatch) -> Any:
     # The first amend (a steering retirement) makes "overview" a code-unit level,
     # so the stored overview is no longer retired as a non-code page.
-    patch.setattr(m, "amend", at_first_call(m.amend, lambda: setattr(
-        m, "PINNED_LEVELS", frozenset({"module", "overview"}))))
+    patch.setattr(
+        m, "amend", at_first_call(m.amend, lambda: setattr(m, "PINNED_LEVELS", frozenset({"module", "overview"})))
+    )
     existing = {"custom-old": row("custom-old", level="note"), "overview": row("overview", level="overview")}
     _, amendments, _ = m.pin_plan([], existing, set())
     return reasons(amendments), [("retire", "custom-old", "removed from steering")]
@@ -92,8 +93,12 @@ def catch_all_pattern_in_demotion(m: ModuleType, patch: pytest.MonkeyPatch) -> A
     # and the fresh family holding it loses its parent.
     existing = {
         "module-a": row("module-a", "a.c"),
-        "module-b": Hooked(lambda: setattr(m, "_CATCH_ALL_RE", re.compile("^none$")),
-                           page_id="module-b", level="module", source_files=["b.c"]),
+        "module-b": Hooked(
+            lambda: setattr(m, "_CATCH_ALL_RE", re.compile("^none$")),
+            page_id="module-b",
+            level="module",
+            source_files=["b.c"],
+        ),
         "module-additional": row("module-additional", "x.c"),
     }
     fresh = [plan("fam", children=["fam-1"], parent_section="S"), plan("fam-1", "x.c")]
@@ -105,8 +110,12 @@ def pinned_levels_in_demotion(m: ModuleType, patch: pytest.MonkeyPatch) -> Any:
     # Once "package" is no code-unit level, the stored package pins nothing.
     existing = {
         "module-a": row("module-a", "a.c"),
-        "module-b": Hooked(lambda: setattr(m, "PINNED_LEVELS", frozenset({"module"})),
-                           page_id="module-b", level="module", source_files=["b.c"]),
+        "module-b": Hooked(
+            lambda: setattr(m, "PINNED_LEVELS", frozenset({"module"})),
+            page_id="module-b",
+            level="module",
+            source_files=["b.c"],
+        ),
         "pkg": row("pkg", "x.c", level="package"),
     }
     fresh = [plan("fam", children=["fam-1"]), plan("fam-1", "x.c")]
@@ -123,17 +132,19 @@ def kept_plan_renamed_before_extension(m: ModuleType, patch: pytest.MonkeyPatch)
     plans, amendments, _ = m.pin_plan(fresh, {"module-old": row("module-old", "old.c")}, live)
     return (sorted((p.page_id, tuple(p.source_files)) for p in plans), reasons(amendments)), (
         [("module-m", ("n/1.c", "n/2.c")), ("module-old", ("old.c",))],
-        [("add", "module-n", "new subsystem (2 files)"), ("extend", "module-n", "2 new source file(s) absorbed")])
+        [("add", "module-n", "new subsystem (2 files)"), ("extend", "module-n", "2 new source file(s) absorbed")],
+    )
 
 
 def count_after_the_setter(m: ModuleType, patch: pytest.MonkeyPatch) -> Any:
     # The setter grows the list it is given; the reason counts the list as it is then.
     fresh = [plan("module-old", "old.c"), Growing(page_id="module-n", source_files=["n/1.c", "n/2.c"])]
     patch.setattr(Growing, "armed", True)
-    plans, amendments, _ = m.pin_plan(fresh, {"module-old": row("module-old", "old.c")},
-                                      {"old.c", "n/1.c", "n/2.c"})
+    plans, amendments, _ = m.pin_plan(fresh, {"module-old": row("module-old", "old.c")}, {"old.c", "n/1.c", "n/2.c"})
     return (reasons(amendments), fresh[1].source_files), (
-        [("add", "module-n", "new subsystem (3 files)")], ["n/1.c", "n/2.c", "n/extra.c"])
+        [("add", "module-n", "new subsystem (3 files)")],
+        ["n/1.c", "n/2.c", "n/extra.c"],
+    )
 
 
 def stored_keys_changed_while_walked(m: ModuleType, patch: pytest.MonkeyPatch) -> Any:
@@ -162,16 +173,18 @@ def build_order_list_cleared(m: ModuleType, patch: pytest.MonkeyPatch) -> Any:
                         holder.clear()
             return object.__getattribute__(self, name)
 
-    plans = [plan("a", importance_score=0.1), Clearing(page_id="b", importance_score=0.9),
-             plan("c", level="overview")]
+    plans = [plan("a", importance_score=0.1), Clearing(page_id="b", importance_score=0.9), plan("c", level="overview")]
     return [p.page_id for p in m._by_importance(list(plans))], ["c", "b", "a"]
 
 
 def norm_rebound_in_page_changes(m: ModuleType, patch: pytest.MonkeyPatch) -> Any:
     # The first _norm rebinds the name: the next path goes through the new one.
     seen: list[Any] = []
-    patch.setattr(m, "changed_files", lambda stored, current, planned: seen.append(
-        (dict(stored), set(planned))) or {"removed": [], "modified": []})
+    patch.setattr(
+        m,
+        "changed_files",
+        lambda stored, current, planned: seen.append((dict(stored), set(planned))) or {"removed": [], "modified": []},
+    )
     patch.setattr(m, "_norm", at_first_call(m._norm, lambda: setattr(m, "_norm", lambda p: "N/" + p)))
     row_ = {"content_hash": "c", "source_hashes": {"a.c": "h"}}
     host(m)._page_changes(plan("p", "a.c", "b.c"), row_)
@@ -182,8 +195,11 @@ def steering_sentinel_rebound_in_page_changes(m: ModuleType, patch: pytest.Monke
     # A recorded path's comparison with the sentinel rebinds it: the next entry is
     # compared with the new sentinel and left out.
     seen: list[Any] = []
-    patch.setattr(m, "changed_files", lambda stored, current, planned: seen.append(
-        sorted(stored)) or {"removed": [], "modified": []})
+    patch.setattr(
+        m,
+        "changed_files",
+        lambda stored, current, planned: seen.append(sorted(stored)) or {"removed": [], "modified": []},
+    )
     patch.setattr(m, "STEERING_SENTINEL", m.STEERING_SENTINEL)
     patch.setattr(Sweeper, "module", m)
     row_ = {"content_hash": "c", "source_hashes": {Sweeper("a.c"): "h", "later.c": "h", "b.c": "h"}}
@@ -203,8 +219,11 @@ def member_before_the_plan_compared(m: ModuleType, patch: pytest.MonkeyPatch) ->
 
         __hash__ = object.__hash__
 
-    fresh = [Counting(page_id="module-c", source_files=["c.c"]),
-             *(plan(f"module-{i}", f"{i}.c") for i in range(9)), plan("overview", level="overview")]
+    fresh = [
+        Counting(page_id="module-c", source_files=["c.c"]),
+        *(plan(f"module-{i}", f"{i}.c") for i in range(9)),
+        plan("overview", level="overview"),
+    ]
     m.pin_plan(fresh, {}, {"c.c", *(f"{i}.c" for i in range(9))})
     return Counting.calls, 1
 
@@ -217,15 +236,24 @@ def host(m: ModuleType) -> Any:
     return Host()
 
 
-CASES = [pinned_levels_in_step_10, catch_all_pattern_in_demotion, pinned_levels_in_demotion,
-         kept_plan_renamed_before_extension, count_after_the_setter, stored_keys_changed_while_walked,
-         build_order_list_cleared, norm_rebound_in_page_changes, steering_sentinel_rebound_in_page_changes,
-         member_before_the_plan_compared]
+CASES = [
+    pinned_levels_in_step_10,
+    catch_all_pattern_in_demotion,
+    pinned_levels_in_demotion,
+    kept_plan_renamed_before_extension,
+    count_after_the_setter,
+    stored_keys_changed_while_walked,
+    build_order_list_cleared,
+    norm_rebound_in_page_changes,
+    steering_sentinel_rebound_in_page_changes,
+    member_before_the_plan_compared,
+]
 
 
 @pytest.mark.parametrize("case", CASES, ids=[case.__name__ for case in CASES])
-def test_change_at_first_call_is_seen_by_later_steps(impl: ModuleType, monkeypatch: pytest.MonkeyPatch,
-                                                      case: Callable[..., Any]) -> None:
+def test_change_at_first_call_is_seen_by_later_steps(
+    impl: ModuleType, monkeypatch: pytest.MonkeyPatch, case: Callable[..., Any]
+) -> None:
     for name in ("PINNED_LEVELS", "_CATCH_ALL_RE", "_norm", "STEERING_SENTINEL"):
         monkeypatch.setattr(impl, name, getattr(impl, name))  # restored afterwards
     actual, expected = case(impl, monkeypatch)

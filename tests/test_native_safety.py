@@ -53,21 +53,22 @@ def with_trap(mapping: dict[str, Any], name: str, spring: Callable[[], None]) ->
 
 @pytest.mark.parametrize("replaced", FIELDS)
 @pytest.mark.parametrize("emptied", [False, True], ids=["to-none", "to-empty"])
-def test_signature_is_made_from_the_values_it_started_with(pin_plan: Any, replaced: str,
-                                                           emptied: bool) -> None:
+def test_signature_is_made_from_the_values_it_started_with(pin_plan: Any, replaced: str, emptied: bool) -> None:
     pin_plan.__defaults__ = ({}, set())
     expected = str(inspect.signature(pin_plan))
     value = type(getattr(pin_plan, replaced))() if emptied else None
-    pin_plan.__annotations__ = with_trap(pin_plan.__annotations__, "existing",
-                                         lambda: setattr(pin_plan, replaced, value))
+    pin_plan.__annotations__ = with_trap(
+        pin_plan.__annotations__, "existing", lambda: setattr(pin_plan, replaced, value)
+    )
     Trap.armed = True
     assert str(pin_plan.__signature__) == expected
     assert not Trap.armed
 
 
 def test_call_binds_the_keyword_defaults_it_started_with(pin_plan: Any) -> None:
-    pin_plan.__kwdefaults__ = with_trap(pin_plan.__kwdefaults__, "replan",
-                                        lambda: setattr(pin_plan, "__kwdefaults__", None))
+    pin_plan.__kwdefaults__ = with_trap(
+        pin_plan.__kwdefaults__, "replan", lambda: setattr(pin_plan, "__kwdefaults__", None)
+    )
     Trap.armed = True
     plans, amendments, _ = pin_plan([], {}, set())
     assert (plans, amendments, Trap.armed) == ([], [], False)
@@ -86,8 +87,7 @@ def test_call_binds_the_defaults_it_started_with(pin_plan: Any) -> None:
     assert (plans, amendments) == ([], [])
 
 
-def test_mark_synthesis_stale_reads_ids_as_the_list_holds_them(native: ModuleType,
-                                                               twin: ModuleType) -> None:
+def test_mark_synthesis_stale_reads_ids_as_the_list_holds_them(native: ModuleType, twin: ModuleType) -> None:
     """The host's ``branch`` empties the sorted id list through the collector;
     both runs then bind the ids the list still holds (none)."""
 
@@ -112,19 +112,29 @@ def test_mark_synthesis_stale_reads_ids_as_the_list_holds_them(native: ModuleTyp
         Host()._mark_synthesis_stale(["b", marker, "a"])
         return calls
 
-    assert run(native) == run(twin) == [
-        ("UPDATE wiki_pages SET source_hashes = ? WHERE branch = ? AND page_id IN (?,?,?)",
-         ('{"__stale__": "pending"}', "main"))]
+    assert (
+        run(native)
+        == run(twin)
+        == [
+            (
+                "UPDATE wiki_pages SET source_hashes = ? WHERE branch = ? AND page_id IN (?,?,?)",
+                ('{"__stale__": "pending"}', "main"),
+            )
+        ]
+    )
 
 
 @pytest.mark.parametrize("shift", [0, 50, 62])
-def test_stored_keys_that_differ_in_their_high_bits_index_like_a_dict(native: ModuleType,
-                                                                      twin: ModuleType,
-                                                                      shift: int) -> None:
+def test_stored_keys_that_differ_in_their_high_bits_index_like_a_dict(
+    native: ModuleType, twin: ModuleType, shift: int
+) -> None:
     """Line numbers i << shift, signed and past 64 bits, and True for 1."""
     lines = [i << shift for i in range(-40, 40)] + [True, 1 << 64]
-    citations = [{"path": "a.py", "line_start": n, "line_end": m, "symbol": f"s{n}.{m}"}
-                 for n in lines for m in (1, 1 << shift, True)]
+    citations = [
+        {"path": "a.py", "line_start": n, "line_end": m, "symbol": f"s{n}.{m}"}
+        for n in lines
+        for m in (1, 1 << shift, True)
+    ]
     cited = " ".join(f"[[a.py:{n}-{m}]]" for n in (0, 1, 5 << shift, 1 << 64) for m in (1, 1 << shift))
     body = f"lead [[a.py:1-1]]\n## S\n{cited} [[a.py:2-2]]"
     entries = native.section_map(body, citations, {})
@@ -148,5 +158,5 @@ def test_stub_declares_the_twins_annotations(twin: ModuleType) -> None:
             elif isinstance(node, ast.AnnAssign) and owner is twin.PlanRecordMixin:
                 assert ast.unparse(node.annotation) == owner.__annotations__[ast.unparse(node.target)]
     assert len(declared) == 13
-    for name, (texts, annotations) in declared.items():
-        assert texts == annotations, name
+    for name, (texts, declared_texts) in declared.items():
+        assert texts == declared_texts, name

@@ -17,9 +17,7 @@ ROWS = [[f"module-lib-test-support-part-{i}", "module", f"lib/test/support/deep 
 @pytest.mark.parametrize(("width", "widest", "ids_kept"),
                          [(None, 108, True), (108, 108, True), (81, 81, True), (80, 80, False),
                           (20, 60, False)])  # fmt: skip
-def test_fit_table_cuts_the_title_then_the_page_id(
-    width: int | None, widest: int, ids_kept: bool
-) -> None:
+def test_fit_table_cuts_the_title_then_the_page_id(width: int | None, widest: int, ids_kept: bool) -> None:
     lines = fit_table(HEADER, ROWS, width, shrink=[2, 0])
     assert max(map(len, lines)) == widest and all(line == line.rstrip() for line in lines)
     cells = [re.split(r"  +", line) for line in lines[1:]]

@@ -85,8 +85,8 @@ Ref call_kw(PyObject* callable, std::initializer_list<PyObject*> positional,
   std::size_t i = 1;
   for (PyObject* a : positional) slots[i++] = a;
   for (PyObject* a : keywords) slots[i++] = a;
-  return check(PyObject_Vectorcall(callable, slots + 1,
-                                   positional.size() | PY_VECTORCALL_ARGUMENTS_OFFSET, kwnames));
+  return check(
+      PyObject_Vectorcall(callable, slots + 1, positional.size() | PY_VECTORCALL_ARGUMENTS_OFFSET, kwnames));
 }
 
 Ref call_method(PyObject* self, PyObject* name, std::initializer_list<PyObject*> args) {

@@ -75,13 +75,9 @@ inline bool contains(PyObject* container, PyObject* item) {
   return check(PySequence_Contains(container, item)) != 0;
 }
 inline Ref getattr(PyObject* o, PyObject* name) { return check(PyObject_GetAttr(o, name)); }
-inline void setattr(PyObject* o, PyObject* name, PyObject* value) {
-  check(PyObject_SetAttr(o, name, value));
-}
+inline void setattr(PyObject* o, PyObject* name, PyObject* value) { check(PyObject_SetAttr(o, name, value)); }
 inline Ref getitem(PyObject* o, PyObject* key) { return check(PyObject_GetItem(o, key)); }
-inline void setitem(PyObject* o, PyObject* key, PyObject* value) {
-  check(PyObject_SetItem(o, key, value));
-}
+inline void setitem(PyObject* o, PyObject* key, PyObject* value) { check(PyObject_SetItem(o, key, value)); }
 inline Ref iterate(PyObject* o) { return check(PyObject_GetIter(o)); }
 // The next item, or an empty Ref at the end of the iteration.
 inline Ref next(PyObject* iterator) {

@@ -47,13 +47,11 @@ Ref find(PyObject* dict, PyObject* key) {
   return Ref::borrow(found);
 }
 
-std::size_t positional_count(const FunctionSpec& spec) noexcept {
-  return spec.params.size() - spec.kwonly;
-}
+std::size_t positional_count(const FunctionSpec& spec) noexcept { return spec.params.size() - spec.kwonly; }
 
 // "f() missing 2 required positional arguments: 'a' and 'b'", as CPython words it.
-[[noreturn]] void missing_arguments(Function* fn, const char* kind, PyObject* const* slots,
-                                    std::size_t start, std::size_t end) {
+[[noreturn]] void missing_arguments(Function* fn, const char* kind, PyObject* const* slots, std::size_t start,
+                                    std::size_t end) {
   Ref names = new_list();
   for (std::size_t i = start; i < end; ++i) {
     if (slots[i]) continue;
@@ -65,8 +63,8 @@ std::size_t positional_count(const FunctionSpec& spec) noexcept {
   if (n == 1) {
     joined = Ref::borrow(PyList_GET_ITEM(names.get(), 0));
   } else if (n == 2) {
-    joined = check(PyUnicode_FromFormat("%U and %U", PyList_GET_ITEM(names.get(), 0),
-                                        PyList_GET_ITEM(names.get(), 1)));
+    joined = check(
+        PyUnicode_FromFormat("%U and %U", PyList_GET_ITEM(names.get(), 0), PyList_GET_ITEM(names.get(), 1)));
   } else {
     Ref tail = check(PyUnicode_FromFormat(", %U, and %U", PyList_GET_ITEM(names.get(), n - 2),
                                           PyList_GET_ITEM(names.get(), n - 1)));
@@ -75,8 +73,8 @@ std::size_t positional_count(const FunctionSpec& spec) noexcept {
     Ref start_text = check(PyUnicode_Join(comma.get(), head.get()));
     joined = check(PyUnicode_Concat(start_text.get(), tail.get()));
   }
-  raise_format(PyExc_TypeError, "%U() missing %zd required %s argument%s: %U", fn->qualname, n,
-               kind, n == 1 ? "" : "s", joined.get());
+  raise_format(PyExc_TypeError, "%U() missing %zd required %s argument%s: %U", fn->qualname, n, kind,
+               n == 1 ? "" : "s", joined.get());
 }
 
 [[noreturn]] void too_many_positional(Function* fn, Py_ssize_t defcount, Py_ssize_t given,
@@ -98,9 +96,9 @@ std::size_t positional_count(const FunctionSpec& spec) noexcept {
   }
   Ref kwonly_sig;
   if (kwonly_given) {
-    kwonly_sig = check(PyUnicode_FromFormat(" positional argument%s (and %zd keyword-only argument%s)",
-                                            given != 1 ? "s" : "", kwonly_given,
-                                            kwonly_given != 1 ? "s" : ""));
+    kwonly_sig =
+        check(PyUnicode_FromFormat(" positional argument%s (and %zd keyword-only argument%s)",
+                                   given != 1 ? "s" : "", kwonly_given, kwonly_given != 1 ? "s" : ""));
   } else {
     kwonly_sig = text("");
   }
@@ -158,8 +156,7 @@ PyObject* function_vectorcall(PyObject* callable, PyObject* const* args, std::si
                        keyword);
         }
         if (raw[j]) {
-          raise_format(PyExc_TypeError, "%U() got multiple values for argument '%S'", fn->qualname,
-                       keyword);
+          raise_format(PyExc_TypeError, "%U() got multiple values for argument '%S'", fn->qualname, keyword);
         }
         bind(j, Ref::borrow(args[nargs + static_cast<std::size_t>(k)]));
       }
@@ -174,7 +171,8 @@ PyObject* function_vectorcall(PyObject* callable, PyObject* const* args, std::si
       }
       for (Py_ssize_t i = std::max(static_cast<Py_ssize_t>(nargs), first_default);
            i < static_cast<Py_ssize_t>(npos); ++i) {
-        if (!raw[i]) bind(static_cast<std::size_t>(i), Ref::borrow(PyTuple_GET_ITEM(defaults.get(), i - first_default)));
+        if (!raw[i])
+          bind(static_cast<std::size_t>(i), Ref::borrow(PyTuple_GET_ITEM(defaults.get(), i - first_default)));
       }
     }
 

@@ -61,15 +61,15 @@ struct Function {
   PyObject_HEAD
   vectorcallfunc vectorcall;
   const FunctionSpec* spec;
-  PyObject* module;       // owning module: its state and namespace
+  PyObject* module;  // owning module: its state and namespace
   PyObject* name;
   PyObject* qualname;
   PyObject* module_name;  // __module__
   PyObject* doc;
   PyObject* annotations;
-  PyObject* defaults;     // tuple or NULL
-  PyObject* kwdefaults;   // dict or NULL
-  PyObject* varnames;     // tuple of parameter names
+  PyObject* defaults;    // tuple or NULL
+  PyObject* kwdefaults;  // dict or NULL
+  PyObject* varnames;    // tuple of parameter names
   PyObject* dict;
   PyObject* weakrefs;
 };

@@ -41,7 +41,7 @@ def function_text(node: ast.FunctionDef, qualname: str, ident: str) -> Iterator[
     if args.posonlyargs or args.vararg or args.kwarg or args.defaults:
         raise SystemExit(f"gen_texts: {qualname}: only plain parameters and keyword-only defaults")
     params = []
-    for arg, default in [(a, None) for a in args.args] + list(zip(args.kwonlyargs, args.kw_defaults)):
+    for arg, default in [(a, None) for a in args.args] + list(zip(args.kwonlyargs, args.kw_defaults, strict=True)):
         if default is not None and not (isinstance(default, ast.Constant) and default.value is False):
             raise SystemExit(f"gen_texts: {qualname}: the only default a native function takes is False")
         annotation = c_string(ast.unparse(arg.annotation)) if arg.annotation else "nullptr"

@@ -132,9 +132,10 @@ void init_state(PyObject* module) {
                                           "source_files", "children", "related_pages", "type"})
                               .release();
   st.level_keyword = interned_tuple({"level"}).release();
-  st.skeleton_columns = interned_tuple({"description", "importance", "level", "parent_section", "rel_path",
-                                        "source_files", "source_hashes", "related_pages", "status", "page_type"})
-                            .release();
+  st.skeleton_columns =
+      interned_tuple({"description", "importance", "level", "parent_section", "rel_path", "source_files",
+                      "source_hashes", "related_pages", "status", "page_type"})
+          .release();
 }
 
 int module_exec(PyObject* module) noexcept {
@@ -183,15 +184,8 @@ PyModuleDef_Slot module_slots[] = {
 };
 
 PyModuleDef module_def = {
-    PyModuleDef_HEAD_INIT,
-    "plan_record",
-    texts::module_doc,
-    sizeof(ModuleState),
-    nullptr,
-    module_slots,
-    module_traverse,
-    module_clear,
-    module_free,
+    PyModuleDef_HEAD_INIT, "plan_record",   texts::module_doc, sizeof(ModuleState), nullptr,
+    module_slots,          module_traverse, module_clear,      module_free,
 };
 
 }  // namespace

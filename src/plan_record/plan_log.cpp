@@ -208,7 +208,8 @@ Ref drift_signal(const Call& call, PyObject* amendments, PyObject* plan_size) {
   if (!truthy(churning.get())) return none();
 
   Ref size_text = formatted(plan_size);
-  Ref head = check(PyUnicode_FromFormat("%zd structural amendments against a %U", structural, size_text.get()));
+  Ref head =
+      check(PyUnicode_FromFormat("%zd structural amendments against a %U", structural, size_text.get()));
   Ref tail = text(
       "-page plan \xe2\x80\x94 the pinned structure is churning; consider a full replan "
       "(wiki(action=\"generate\", replan=true) or /ostrel-wiki --replan).");

@@ -94,13 +94,16 @@ class RecordEquality {
     Ref qualname = getattr(eq.get(), n.dunder_qualname);
     Ref class_qualname = check(PyType_GetQualName(type));
     Ref expected = check(PyUnicode_FromFormat("%U.__eq__", class_qualname.get()));
-    if (!PyUnicode_CheckExact(qualname.get()) || PyUnicode_Compare(qualname.get(), expected.get()) != 0) return;
+    if (!PyUnicode_CheckExact(qualname.get()) || PyUnicode_Compare(qualname.get(), expected.get()) != 0)
+      return;
 
     auto* code = reinterpret_cast<PyCodeObject*>(PyFunction_GetCode(eq.get()));
     if (code->co_argcount != 2 || code->co_posonlyargcount != 0 || code->co_kwonlyargcount != 0) return;
     Ref filename = getattr(reinterpret_cast<PyObject*>(code), n.co_filename);
     Ref code_qualname = getattr(reinterpret_cast<PyObject*>(code), n.co_qualname);
-    if (!text_is(filename.get(), "<string>") || !text_is(code_qualname.get(), "__create_fn__.<locals>.__eq__")) return;
+    if (!text_is(filename.get(), "<string>") ||
+        !text_is(code_qualname.get(), "__create_fn__.<locals>.__eq__"))
+      return;
     Ref varnames = check(PyCode_GetVarnames(code));
     Ref freevars = check(PyCode_GetFreevars(code));
     Ref cellvars = check(PyCode_GetCellvars(code));
@@ -146,7 +149,7 @@ class RecordEquality {
  private:
   PyTypeObject* type_ = nullptr;
   Ref type_ref_;
-  Ref fields_;                      // the compared field names, page_id first
+  Ref fields_;                       // the compared field names, page_id first
   std::vector<PyObject*> required_;  // those without a class default (borrowed from fields_)
 };
 
@@ -252,8 +255,8 @@ Ref plan_from_row(const Call& call, PyObject* row, PyObject* live_paths) {
   Ref description = row_get(n, row, n.description);
   if (!truthy(description.get())) {
     Ref shown = formatted(title.get());
-    description = check(PyUnicode_FromFormat("The %U page (%zd files).", shown.get(),
-                                              PyList_GET_SIZE(files.get())));
+    description =
+        check(PyUnicode_FromFormat("The %U page (%zd files).", shown.get(), PyList_GET_SIZE(files.get())));
   }
   Ref topic_of = call.global(n.unit_topic);
   Ref topic = plan_record::call(topic_of.get(), {title.get(), files.get()});
@@ -720,9 +723,10 @@ class PinPlan {
       append(fresh_modules_.get(), plan);
     });
     // passthrough = [plan for plan in fresh_plans if plan not in fresh_modules]
-    const Py_ssize_t candidates = PyList_CheckExact(fresh_plans_.get())
-                                      ? PyList_GET_SIZE(fresh_plans_.get()) - PyList_GET_SIZE(fresh_modules_.get())
-                                      : 0;
+    const Py_ssize_t candidates =
+        PyList_CheckExact(fresh_plans_.get())
+            ? PyList_GET_SIZE(fresh_plans_.get()) - PyList_GET_SIZE(fresh_modules_.get())
+            : 0;
     Ref record_type = call_.global(n_.PagePlan);
     Membership members(n_, record_type.get(), fresh_modules_.get(), candidates);
     passthrough_ = new_list();
@@ -763,9 +767,7 @@ class PinPlan {
     });
   }
 
-  Ref result(Ref plans) {
-    return check(PyTuple_Pack(3, plans.get(), amendments_.get(), remap_.get()));
-  }
+  Ref result(Ref plans) { return check(PyTuple_Pack(3, plans.get(), amendments_.get(), remap_.get())); }
 
   Ref fresh_path() {
     if (truthy(replan_) && PyDict_GET_SIZE(pinned_existing_.get())) {
@@ -856,8 +858,8 @@ class PinPlan {
       Ref no_files = new_list();
       Ref type = or_else(row_get(n_, row.get(), n_.page_type), n_.empty);
       Ref parent = call_kw(page_plan.get(), {},
-                           {parent_id, title.get(), level.get(), importance.get(), description.get(), topic.get(),
-                            no_files.get(), surviving.get(), surviving.get(), type.get()},
+                           {parent_id, title.get(), level.get(), importance.get(), description.get(),
+                            topic.get(), no_files.get(), surviving.get(), surviving.get(), type.get()},
                            st_.parent_plan_fields);
       append(plans_.get(), parent.get());
       set_add(kept_ids_.get(), parent_id);
@@ -968,8 +970,8 @@ class PinPlan {
     Ref topic = check(PyUnicode_FromFormat("additional modules utilities helpers %U", samples.get()));
     Ref type = call_.global(n_.OTHER_CODE_TYPE);
     Ref page = call_kw(page_plan.get(), {},
-                       {pid.get(), title.get(), n_.module, n_.low, description.get(), topic.get(), merged.get(),
-                        Py_True, type.get()},
+                       {pid.get(), title.get(), n_.module, n_.low, description.get(), topic.get(),
+                        merged.get(), Py_True, type.get()},
                        st_.row_plan_fields);
     append(plans_.get(), page.get());
   }

@@ -282,7 +282,8 @@ bool plain_key(PyObject* path, PyObject* first, PyObject* last, PlainKey* key) {
   key->path = path;
   const Py_hash_t text_hash = PyObject_Hash(path);
   if (text_hash == -1) raise();
-  const std::uint64_t h = mix64(static_cast<std::uint64_t>(text_hash) ^ static_cast<std::uint64_t>(key->first));
+  const std::uint64_t h =
+      mix64(static_cast<std::uint64_t>(text_hash) ^ static_cast<std::uint64_t>(key->first));
   key->hash = mix64(h ^ static_cast<std::uint64_t>(key->last));
   return true;
 }
@@ -349,9 +350,9 @@ class StoredIndex {
     Ref last;
   };
 
-  static constexpr std::size_t initial_slots = 16;     // a power of two
-  static constexpr std::size_t max_load_inverse = 2;   // at most half the slots hold keys
-  static constexpr std::size_t max_probe_run = 64;     // longer runs mean hostile keys
+  static constexpr std::size_t initial_slots = 16;    // a power of two
+  static constexpr std::size_t max_load_inverse = 2;  // at most half the slots hold keys
+  static constexpr std::size_t max_probe_run = 64;    // longer runs mean hostile keys
   static constexpr std::size_t no_slot = SIZE_MAX;
 
   // The slot of `key`, or the empty slot where it would go; `no_slot` when
@@ -430,7 +431,8 @@ struct SortKey {
 constexpr Py_ssize_t head_units = 8;
 
 SortKey sort_key(PyObject* text) noexcept {
-  SortKey key{0, PyUnicode_DATA(text), PyUnicode_GET_LENGTH(text), static_cast<int>(PyUnicode_KIND(text)), text};
+  SortKey key{0, PyUnicode_DATA(text), PyUnicode_GET_LENGTH(text), static_cast<int>(PyUnicode_KIND(text)),
+              text};
   if (key.kind == PyUnicode_1BYTE_KIND) {
     const auto* units = static_cast<const unsigned char*>(key.data);
     for (Py_ssize_t i = 0; i < head_units; ++i) key.head = key.head << 8 | (i < key.length ? units[i] : 0U);

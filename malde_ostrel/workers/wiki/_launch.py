@@ -26,10 +26,7 @@ NOT_BUILT = (
 
 def _has_native(package_dir: Path) -> bool:
     wiki = package_dir / "workers" / "wiki"
-    return any(
-        (wiki / f"plan_record{suffix}").is_file()
-        for suffix in importlib.machinery.EXTENSION_SUFFIXES
-    )
+    return any((wiki / f"plan_record{suffix}").is_file() for suffix in importlib.machinery.EXTENSION_SUFFIXES)
 
 
 def installed_copy(source_root: Path) -> Path | None:
@@ -54,8 +51,10 @@ def main() -> int:
         importlib.import_module(NATIVE)
     except ImportError as exc:
         if not isinstance(exc, ModuleNotFoundError) or exc.name != NATIVE:
-            print(f"{PROG}: error: the native module cannot be loaded ({exc}); "
-                  "reinstall the package (pip install .)", file=sys.stderr)
+            print(
+                f"{PROG}: error: the native module cannot be loaded ({exc}); reinstall the package (pip install .)",
+                file=sys.stderr,
+            )
             return 1
         package_dir = Path(__file__).resolve().parents[2]
         if not sys.flags.safe_path and installed_copy(package_dir.parent) is not None:

@@ -23,21 +23,11 @@ from typing import Any
 from malde_ostrel.workers.wiki.page_retirement import PageRetirementMixin
 from malde_ostrel.workers.wiki.page_sources import unit_topic
 from malde_ostrel.workers.wiki.page_title import keep_agent_titles
-from malde_ostrel.workers.wiki.replan_carry import (
-    ReplanRemap,
-    amend,
-    carry_superseded,
-    inherit_prose,
-)
+from malde_ostrel.workers.wiki.replan_carry import ReplanRemap, amend, carry_superseded, inherit_prose
 from malde_ostrel.workers.wiki.repo_facts import _norm, _text_hash
 from malde_ostrel.workers.wiki.sections import changed_files, stale_sections
 from malde_ostrel.workers.wiki.steering import STEERING_SENTINEL, SteeringMixin
-from malde_ostrel.workers.wiki.types import (
-    PagePlan,
-    citation_key,
-    link_families,
-    section_of,
-)
+from malde_ostrel.workers.wiki.types import PagePlan, citation_key, link_families, section_of
 from malde_ostrel.workers.wiki.verify import prose_citations
 from malde_ostrel.workers.wiki_types import NOTE_LEVEL, OTHER_CODE_TYPE, PINNED_LEVELS
 
@@ -66,11 +56,7 @@ def _plan_from_row(row: dict[str, Any], live_paths: set[str]) -> PagePlan:
 
 
 def pin_plan(
-    fresh_plans: list[PagePlan],
-    existing: dict[str, dict[str, Any]],
-    live_paths: set[str],
-    *,
-    replan: bool = False,
+    fresh_plans: list[PagePlan], existing: dict[str, dict[str, Any]], live_paths: set[str], *, replan: bool = False
 ) -> tuple[list[PagePlan], list[dict[str, Any]], ReplanRemap]:
     """Reconcile fresh structural plans against the stored plan of record.
 
@@ -117,10 +103,7 @@ def pin_plan(
         elif pid in stored_families:
             collapsed.add(pid)
             for kid in stored_families[pid]:
-                superseded_kids[kid] = (
-                    "module no longer oversized; decomposition collapsed",
-                    [plan],
-                )
+                superseded_kids[kid] = ("module no longer oversized; decomposition collapsed", [plan])
 
     def _pinnable(pid: str, row: dict[str, Any]) -> bool:
         if (row.get("level") or "module") not in PINNED_LEVELS:
@@ -147,15 +130,11 @@ def pin_plan(
     fresh_modules = [
         plan
         for plan in fresh_plans
-        if plan.level in PINNED_LEVELS
-        and plan.page_id not in family_ids
-        and not plan.page_id.startswith("custom-")
+        if plan.level in PINNED_LEVELS and plan.page_id not in family_ids and not plan.page_id.startswith("custom-")
     ]
     # Membership by equality, with members by identity settled in one step.
     module_ids = {id(plan) for plan in fresh_modules}
-    passthrough = [
-        plan for plan in fresh_plans if id(plan) not in module_ids and plan not in fresh_modules
-    ]
+    passthrough = [plan for plan in fresh_plans if id(plan) not in module_ids and plan not in fresh_modules]
 
     fresh_ids = {plan.page_id for plan in fresh_plans}
     for pid in existing:
@@ -176,9 +155,7 @@ def pin_plan(
             successors = [
                 plan
                 for plan in fresh_plans
-                if plan.level in PINNED_LEVELS
-                and plan.source_files
-                and not plan.page_id.startswith("custom-")
+                if plan.level in PINNED_LEVELS and plan.source_files and not plan.page_id.startswith("custom-")
             ]
             inherit_prose(remap, pinned_existing, successors, live_paths, fresh_ids, amendments)
         return link_families(keep_agent_titles(fresh_plans, existing)), amendments, remap
@@ -221,8 +198,7 @@ def pin_plan(
                 importance=row.get("importance") or "medium",
                 description=row.get("description") or f"The {title} page.",
                 topic=unit_topic(
-                    title,
-                    [path for kid in surviving for path in (existing[kid].get("source_files") or [])],
+                    title, [path for kid in surviving for path in (existing[kid].get("source_files") or [])]
                 ),
                 source_files=[],
                 children=surviving,
@@ -234,9 +210,7 @@ def pin_plan(
 
     catch_all_files: set[str] = set()
     if catch_all_row is not None:
-        catch_all_files = {
-            path for path in (catch_all_row.get("source_files") or []) if path in live_paths
-        }
+        catch_all_files = {path for path in (catch_all_row.get("source_files") or []) if path in live_paths}
         covered.update(catch_all_files)
     new_paths = {path for path in live_paths if path not in covered}
 
@@ -253,16 +227,12 @@ def pin_plan(
                     target = next((kept for kept in plans if kept.page_id == wanted), None)
                     if target is not None:
                         target.source_files = sorted({*target.source_files, *own_new})
-                    amendments.append(
-                        amend("extend", plan.page_id, f"{len(own_new)} new source file(s) absorbed")
-                    )
+                    amendments.append(amend("extend", plan.page_id, f"{len(own_new)} new source file(s) absorbed"))
                 else:
                     plan.source_files = own_new
                     plans.append(plan)
                     kept_ids.add(plan.page_id)
-                    amendments.append(
-                        amend("add", plan.page_id, f"new subsystem ({len(own_new)} files)")
-                    )
+                    amendments.append(amend("add", plan.page_id, f"new subsystem ({len(own_new)} files)"))
             else:
                 catch_all_files.update(own_new)
             new_paths.difference_update(own_new)
@@ -286,17 +256,13 @@ def pin_plan(
             )
         )
     elif catch_all_row is not None:
-        amendments.append(
-            amend("retire", catch_all_row["page_id"], "catch-all has no remaining files")
-        )
+        amendments.append(amend("retire", catch_all_row["page_id"], "catch-all has no remaining files"))
 
     plans = keep_agent_titles(_by_importance(plans), existing)
     return link_families(plans), amendments, remap
 
 
-def _demote_unrecorded_families(
-    fresh_plans: list[PagePlan], existing: dict[str, dict[str, Any]]
-) -> list[PagePlan]:
+def _demote_unrecorded_families(fresh_plans: list[PagePlan], existing: dict[str, dict[str, Any]]) -> list[PagePlan]:
     """Fresh split families that would document files a stored page already pins, unsplit.
 
     A family whose parent id the store does not hold loses its parent when one
@@ -362,11 +328,7 @@ def append_plan_log(wiki_dir: Path, amendments: list[dict[str, Any]], *, replan:
     try:
         path = wiki_dir / _PLAN_LOG_NAME
         path.parent.mkdir(parents=True, exist_ok=True)
-        record = {
-            "at": datetime.now().isoformat(timespec="seconds"),
-            "replan": replan,
-            "amendments": amendments,
-        }
+        record = {"at": datetime.now().isoformat(timespec="seconds"), "replan": replan, "amendments": amendments}
         with path.open("a", encoding="utf-8") as log:
             log.write(json.dumps(record, ensure_ascii=False) + "\n")
         lines = path.read_text(encoding="utf-8").split("\n")
@@ -388,8 +350,7 @@ def drift_signal(amendments: list[dict[str, Any]], plan_size: int) -> str | None
     structural = [
         a
         for a in amendments
-        if a["action"] in ("add", "retire", "remap")
-        and (a.get("level") or "module") in PINNED_LEVELS
+        if a["action"] in ("add", "retire", "remap") and (a.get("level") or "module") in PINNED_LEVELS
     ]
     n = len(structural)
     if n >= max(3, plan_size // 3):
@@ -442,9 +403,7 @@ class PlanRecordMixin(PageRetirementMixin, SteeringMixin):
                 persisted += 1
         return persisted
 
-    def _select_stale(
-        self, plans: list[PagePlan], existing: dict[str, dict[str, Any]], force: bool
-    ) -> set[str]:
+    def _select_stale(self, plans: list[PagePlan], existing: dict[str, dict[str, Any]], force: bool) -> set[str]:
         """The ids of the planned pages whose source files or steering changed.
 
         Every planned page on a forced build or an empty store; otherwise the
@@ -472,9 +431,7 @@ class PlanRecordMixin(PageRetirementMixin, SteeringMixin):
             return
         placeholders = ",".join("?" * len(ids))
         self.repository.db.execute(
-            "UPDATE wiki_pages SET source_hashes = ? WHERE branch = ? AND page_id IN ("
-            + placeholders
-            + ")",
+            "UPDATE wiki_pages SET source_hashes = ? WHERE branch = ? AND page_id IN (" + placeholders + ")",
             (json.dumps({_STALE_SENTINEL: "pending"}), self.branch, *ids),
         )
 
@@ -482,10 +439,7 @@ class PlanRecordMixin(PageRetirementMixin, SteeringMixin):
         """The build cache of a saved body: its section map and cited files' hashes."""
         cited = sorted({str(c["path"]) for c in citations if c.get("path")})
         file_hashes = self._source_hashes(cited)  # type: ignore[attr-defined]
-        return {
-            "sections": section_map(body, citations, file_hashes),
-            "file_hashes": file_hashes,
-        }
+        return {"sections": section_map(body, citations, file_hashes), "file_hashes": file_hashes}
 
     def _page_changes(self, plan: PagePlan, row: dict[str, Any] | None) -> dict[str, Any]:
         """Files changed since a written page was saved, and its stale sections.
@@ -498,19 +452,12 @@ class PlanRecordMixin(PageRetirementMixin, SteeringMixin):
             return {}
         cache = row.get("build_cache") or {}
         recorded = {**(row.get("source_hashes") or {}), **(cache.get("file_hashes") or {})}
-        stored = {
-            path: digest
-            for path, digest in recorded.items()
-            if path not in (STEERING_SENTINEL, _STALE_SENTINEL)
-        }
+        stored = {path: digest for path, digest in recorded.items() if path not in (STEERING_SENTINEL, _STALE_SENTINEL)}
         planned = {_norm(path) for path in plan.source_files} | set(stored)
         current = self._source_hashes(sorted(planned))  # type: ignore[attr-defined]
         changes = changed_files(stored, current, planned)
         touched = set(changes["removed"]) | set(changes["modified"])
-        return {
-            "changed_files": changes,
-            "stale_sections": stale_sections(cache.get("sections") or [], touched),
-        }
+        return {"changed_files": changes, "stale_sections": stale_sections(cache.get("sections") or [], touched)}
 
 
 _STALE_SENTINEL = "__stale__"
@@ -535,9 +482,7 @@ def _sections(body: str) -> list[tuple[str, str]]:
     return [(heading, "\n".join(lines)) for heading, lines in sections]
 
 
-def section_map(
-    body: str, citations: Sequence[dict[str, Any]], file_hashes: dict[str, str]
-) -> list[dict[str, Any]]:
+def section_map(body: str, citations: Sequence[dict[str, Any]], file_hashes: dict[str, str]) -> list[dict[str, Any]]:
     """``[{heading, files, symbols, hash}]``: what each section of a body cites.
 
     Only the page's stored citations count; ``hash`` covers the content hashes
@@ -556,7 +501,5 @@ def section_map(
         files = sorted({str(c["path"]) for c in cites})
         symbols = sorted({str(c["symbol"]) for c in cites if c.get("symbol")})
         listing = "\n".join(path + "\0" + str(file_hashes.get(path, "")) for path in files)
-        entries.append(
-            {"heading": heading, "files": files, "symbols": symbols, "hash": _text_hash(listing)}
-        )
+        entries.append({"heading": heading, "files": files, "symbols": symbols, "hash": _text_hash(listing)})
     return entries

@@ -92,9 +92,7 @@ def parse(text: str, directory: str = "") -> list[Rule]:
     return rules
 
 
-def marked_paths(
-    paths: Iterable[str], read_text: Callable[[str], str | None]
-) -> Callable[[str], bool] | None:
+def marked_paths(paths: Iterable[str], read_text: Callable[[str], str | None]) -> Callable[[str], bool] | None:
     """A test for the paths the attributes files among ``paths`` mark
     vendored or generated; None when no attributes file says anything."""
     paths = list(paths)

@@ -47,9 +47,11 @@ def page_history(runs: list[dict[str, Any]], page_id: str) -> list[HistoryEvent]
             carried = record.get("carried_to")
             if subject == page_id:
                 other = source if isinstance(source, str) else carried
-                events.append(HistoryEvent(at, action, subject, str(record.get("reason", "")),
-                                           other if isinstance(other, str) else None))
+                events.append(
+                    HistoryEvent(
+                        at, action, subject, str(record.get("reason", "")), other if isinstance(other, str) else None
+                    )
+                )
             elif source == page_id:
-                events.append(HistoryEvent(at, f"{action} (text out)", subject,
-                                           str(record.get("reason", "")), subject))
+                events.append(HistoryEvent(at, f"{action} (text out)", subject, str(record.get("reason", "")), subject))
     return events

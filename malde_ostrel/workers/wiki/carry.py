@@ -57,11 +57,7 @@ def compose(current: str | None, leaving: Leaving) -> str:
 
 
 def receiver(
-    leaving: Leaving,
-    named: str | None,
-    remap: ReplanRemap,
-    plans: list[PagePlan],
-    live: set[str],
+    leaving: Leaving, named: str | None, remap: ReplanRemap, plans: list[PagePlan], live: set[str]
 ) -> str | None:
     """The planned page that takes the text: the one the plan named, else the
     one that takes most of the page's live files (the earliest on a tie)."""
@@ -102,8 +98,7 @@ class Carrier:
     def carry(self, leaving: Leaving, target: str | None, reason: str) -> dict[str, Any]:
         """Archive the leaving text, give it to ``target``; the audit record."""
         entry = self.repository.archive_text(
-            self.branch, leaving.page_id, leaving.title, leaving.body, leaving.files,
-            reason, target,
+            self.branch, leaving.page_id, leaving.title, leaving.body, leaving.files, reason, target
         )
         self.journal.remove(self.pages_dir / f"{leaving.page_id}.md")
         if target is None:
@@ -131,9 +126,7 @@ class Carrier:
         return list(self.receivers)
 
 
-def leaving_texts(
-    ids: Iterable[str], rows: Mapping[str, Mapping[str, Any]], pages_dir: Path
-) -> list[Leaving]:
+def leaving_texts(ids: Iterable[str], rows: Mapping[str, Mapping[str, Any]], pages_dir: Path) -> list[Leaving]:
     """The stored pages among ``ids`` that hold a text."""
     found: list[Leaving] = []
     for page_id in ids:

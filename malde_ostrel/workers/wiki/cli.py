@@ -77,12 +77,17 @@ def cmd_plan(wiki: Wiki, args: argparse.Namespace) -> Any:
         return report
     kind = "first plan" if report.first_plan else "replan" if report.replan else "pinned"
     to_write = sum(1 for page in report.pages if page.to_write)
-    print(f"Plan of record, branch {report.branch} ({kind}): "
-          f"{len(report.pages)} pages, {to_write} to write")
+    print(f"Plan of record, branch {report.branch} ({kind}): {len(report.pages)} pages, {to_write} to write")
     print()
     rows = [
-        [p.page_id, p.level, p.title, f"{len(p.children)} parts" if p.children else str(p.files),
-         p.state, "to write" if p.to_write else ""]
+        [
+            p.page_id,
+            p.level,
+            p.title,
+            f"{len(p.children)} parts" if p.children else str(p.files),
+            p.state,
+            "to write" if p.to_write else "",
+        ]
         for p in report.pages
     ]
     _print_table(["PAGE", "LEVEL", "TITLE", "FILES", "STATE", "WRITE"], rows, shrink=[2, 0])
@@ -113,8 +118,7 @@ def cmd_save(wiki: Wiki, args: argparse.Namespace) -> Any:
     body = _read_body(str(args.body))
     try:
         with _hashing(wiki):
-            report = wiki.save(str(args.page_id), body, allow_empty=bool(args.allow_empty),
-                               strict=bool(args.strict))
+            report = wiki.save(str(args.page_id), body, allow_empty=bool(args.allow_empty), strict=bool(args.strict))
     except CitationError as exc:
         for problem in exc.problems:
             _warn(f"{args.page_id}: {problem}")
@@ -124,12 +128,13 @@ def cmd_save(wiki: Wiki, args: argparse.Namespace) -> Any:
     for problem in report.citation_problems:
         _warn(f"{report.page_id}: {problem}")
     for page in report.replaced_carried:
-        _warn(f"the text carried from {page} into {report.page_id} is replaced by this save; "
-              f"it stays in the archive (`{PROG} archive`)")
+        _warn(
+            f"the text carried from {page} into {report.page_id} is replaced by this save; "
+            f"it stays in the archive (`{PROG} archive`)"
+        )
     if args.json:
         return report
-    print(f"saved {report.page_id}: {report.citations} citation(s), "
-          f"{len(report.sections)} citing section(s)")
+    print(f"saved {report.page_id}: {report.citations} citation(s), {len(report.sections)} citing section(s)")
     print(f"  body: {report.path}")
     for section in report.sections:
         print(f"  {section['heading'] or '(lead-in)'}: {', '.join(section['files'])}")
@@ -143,8 +148,7 @@ def cmd_status(wiki: Wiki, args: argparse.Namespace) -> Any:
         return report
     if not report.plan_of_record:
         print(f"No plan of record for branch {report.branch} yet; run `{PROG} plan`.")
-    print(f"Branch {report.branch}: {len(report.pages)} planned pages, "
-          f"{len(report.to_write)} to write")
+    print(f"Branch {report.branch}: {len(report.pages)} planned pages, {len(report.to_write)} to write")
     width = max((len(p.page_id) for p in report.pages), default=0)
     for page in report.pages:
         if page.to_write:
@@ -157,28 +161,30 @@ def cmd_status(wiki: Wiki, args: argparse.Namespace) -> Any:
         print()
         print("Written pages:")
     for page in written:
-        files = [(kind, path) for kind in ("added", "removed", "modified")
-                 for path in page.changed_files.get(kind, [])]
-        summary = (f"{len(files)} changed file(s), {len(page.stale_sections)} stale section(s)"
-                   if files or page.stale_sections else "up to date")
+        files = [(kind, path) for kind in ("added", "removed", "modified") for path in page.changed_files.get(kind, [])]
+        summary = (
+            f"{len(files)} changed file(s), {len(page.stale_sections)} stale section(s)"
+            if files or page.stale_sections
+            else "up to date"
+        )
         print(f"  {page.page_id:<{width}}  {summary}")
         for kind, path in files:
             print(f"    {kind:<8}  {path}")
         for section in page.stale_sections:
-            print(f"    stale section \"{section['heading'] or '(lead-in)'}\" "
-                  f"cites {', '.join(section['files'])}")
+            print(f'    stale section "{section["heading"] or "(lead-in)"}" cites {", ".join(section["files"])}')
     if report.archived:
         print()
-        print(f"Archived texts of pages whose files are gone: {', '.join(report.archived)} "
-              f"(`{PROG} archive`)")
+        print(f"Archived texts of pages whose files are gone: {', '.join(report.archived)} (`{PROG} archive`)")
     return None
 
 
 def cmd_log(wiki: Wiki, args: argparse.Namespace) -> Any:
     report = wiki.log(args.n)
     if report.skipped_lines:
-        _warn(f"{wiki.log_path}: skipped unreadable line(s) "
-              f"{', '.join(map(str, report.skipped_lines))}; `{PROG} doctor` sets them aside")
+        _warn(
+            f"{wiki.log_path}: skipped unreadable line(s) "
+            f"{', '.join(map(str, report.skipped_lines))}; `{PROG} doctor` sets them aside"
+        )
     if args.json:
         return report.runs
     if not report.runs:
@@ -204,8 +210,7 @@ def cmd_show(wiki: Wiki, args: argparse.Namespace) -> Any:
     for child in report.children:
         print(f"  part  {child}")
     for section in report.stale_sections:
-        print(f"  stale section \"{section['heading'] or '(lead-in)'}\" "
-              f"cites {', '.join(section['files'])}")
+        print(f'  stale section "{section["heading"] or "(lead-in)"}" cites {", ".join(section["files"])}')
     print()
     print(report.body if report.body is not None else "(no text yet)")
     return None
@@ -239,8 +244,7 @@ def cmd_restore(wiki: Wiki, args: argparse.Namespace) -> Any:
     report = wiki.restore(int(args.entry), into=args.into)
     if args.json:
         return report
-    print(f"restored entry {report.entry} ({report.page_id}) into {report.into}; "
-          "it is marked to write")
+    print(f"restored entry {report.entry} ({report.page_id}) into {report.into}; it is marked to write")
     return None
 
 
@@ -293,14 +297,15 @@ def _positive(text: str) -> int:
 def _common_options() -> argparse.ArgumentParser:
     """Global options, accepted before or after the command."""
     common = argparse.ArgumentParser(add_help=False, argument_default=argparse.SUPPRESS)
-    common.add_argument("--repo", metavar="PATH",
-                        help="a directory of the repository (default: the current one)")
-    common.add_argument("--store", metavar="PATH",
-                        help=f"page store file (default: ${STORE_ENV}, else "
-                             "<git dir>/ostrel-wiki/store.sqlite3)")
-    common.add_argument("--wiki-dir", metavar="PATH",
-                        help="the branch's wiki directory (default: "
-                             "<git dir>/ostrel-wiki/wiki/<branch>)")
+    common.add_argument("--repo", metavar="PATH", help="a directory of the repository (default: the current one)")
+    common.add_argument(
+        "--store",
+        metavar="PATH",
+        help=f"page store file (default: ${STORE_ENV}, else <git dir>/ostrel-wiki/store.sqlite3)",
+    )
+    common.add_argument(
+        "--wiki-dir", metavar="PATH", help="the branch's wiki directory (default: <git dir>/ostrel-wiki/wiki/<branch>)"
+    )
     common.add_argument("--branch", metavar="B", help="branch (default: the checked-out one)")
     common.add_argument("--json", action="store_true", help="machine-readable output")
     return common
@@ -308,38 +313,45 @@ def _common_options() -> argparse.ArgumentParser:
 
 def build_parser() -> argparse.ArgumentParser:
     common = _common_options()
-    parser = argparse.ArgumentParser(prog=PROG, parents=[common],
-                                     description="Keep a repository's per-branch wiki.")
+    parser = argparse.ArgumentParser(prog=PROG, parents=[common], description="Keep a repository's per-branch wiki.")
     commands = parser.add_subparsers(dest="command", required=True, metavar="COMMAND")
 
-    def add(name: str, handler: Callable[[Wiki, argparse.Namespace], Any], text: str,
-            ) -> argparse.ArgumentParser:
+    def add(name: str, handler: Callable[[Wiki, argparse.Namespace], Any], text: str) -> argparse.ArgumentParser:
         sub = commands.add_parser(name, parents=[common], help=text)
         sub.set_defaults(handler=handler)
         return sub
 
     add("plan", cmd_plan, "derive and pin the plan, record its amendments").add_argument(
-        "--replan", action="store_true",
-        help="let the fresh structure win; old texts go to the pages taking their files")
+        "--replan",
+        action="store_true",
+        help="let the fresh structure win; old texts go to the pages taking their files",
+    )
     save = add("save", cmd_save, "store the text of one page")
     save.add_argument("page_id", metavar="PAGE_ID")
     save.add_argument("body", metavar="BODY.md", help="the page body (Markdown, UTF-8; - for stdin)")
     save.add_argument("--allow-empty", action="store_true", help="accept an empty body")
-    save.add_argument("--strict", action="store_true",
-                      help="refuse a body whose citations point nowhere (exit 1, nothing written)")
+    save.add_argument(
+        "--strict", action="store_true", help="refuse a body whose citations point nowhere (exit 1, nothing written)"
+    )
     add("status", cmd_status, "pages to write, and changes under written pages")
     log = add("log", cmd_log, "the plan audit log, last runs")
-    log.add_argument("-n", type=_positive, default=DEFAULT_LOG_RUNS, metavar="N",
-                     help=f"how many runs to show (default {DEFAULT_LOG_RUNS})")
-    add("show", cmd_show, "a page's text, files and stale sections").add_argument(
-        "page_id", metavar="PAGE_ID")
+    log.add_argument(
+        "-n",
+        type=_positive,
+        default=DEFAULT_LOG_RUNS,
+        metavar="N",
+        help=f"how many runs to show (default {DEFAULT_LOG_RUNS})",
+    )
+    add("show", cmd_show, "a page's text, files and stale sections").add_argument("page_id", metavar="PAGE_ID")
     add("history", cmd_history, "where a page and its text came from and went").add_argument(
-        "page_id", metavar="PAGE_ID")
+        "page_id", metavar="PAGE_ID"
+    )
     add("archive", cmd_archive, "texts of pages that left the plan")
     restore = add("restore", cmd_restore, "give an archived text to a planned page")
     restore.add_argument("entry", type=_positive, metavar="ID")
-    restore.add_argument("--into", metavar="PAGE_ID",
-                         help="the receiving page (default: the one holding most of its files)")
+    restore.add_argument(
+        "--into", metavar="PAGE_ID", help="the receiving page (default: the one holding most of its files)"
+    )
     add("doctor", cmd_doctor, "check and repair the store and the log (keeps backups)")
     return parser
 
@@ -410,7 +422,9 @@ def main(argv: Sequence[str] | None = None) -> int:
     except KeyboardInterrupt:
         return 130
     except Exception as exc:  # no traceback reaches a user
-        return _error(f"unexpected failure ({type(exc).__name__}: {exc}); the store holds "
-                      f"whole changes only; please report this", 3)
+        return _error(
+            f"unexpected failure ({type(exc).__name__}: {exc}); the store holds whole changes only; please report this",
+            3,
+        )
     finally:
         package_logger.removeHandler(log_handler)

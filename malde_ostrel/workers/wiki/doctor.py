@@ -45,8 +45,9 @@ def doctor(store: Path, wiki_dir: Path, branch: str) -> DoctorReport:
     _check_log(wiki_dir, report)
     pages = wiki_dir / "pages"
     for temp in sorted(pages.glob(".*.tmp")) if pages.is_dir() else []:
-        report.problems.append(f"{temp}: the body of a save that did not finish; "
-                               "copy what you need from it, then delete it")
+        report.problems.append(
+            f"{temp}: the body of a save that did not finish; copy what you need from it, then delete it"
+        )
     return report
 
 
@@ -84,7 +85,8 @@ def _check_bodies(store: Path, pages: Path, branch: str, report: DoctorReport) -
         if row.get("content_hash") and not (pages / f"{page_id}.md").exists():
             report.problems.append(
                 f"page {page_id}: its saved text {pages / (page_id + '.md')} is missing; "
-                "look for it in `ostrel-wiki archive`, or save the page again")
+                "look for it in `ostrel-wiki archive`, or save the page again"
+            )
 
 
 def _check_rows(store: Path, db: Database, report: DoctorReport) -> None:
@@ -104,8 +106,7 @@ def _check_rows(store: Path, db: Database, report: DoctorReport) -> None:
         for branch, page_id in bad:
             fields = repo.repair_row(branch, page_id)
             report.problems.append(f"page {page_id} of branch {branch}: malformed {', '.join(fields)}")
-            report.repairs.append(f"reset {', '.join(fields)} of {page_id} ({branch}); "
-                                  "the page is marked to write")
+            report.repairs.append(f"reset {', '.join(fields)} of {page_id} ({branch}); the page is marked to write")
 
 
 def _salvage(store: Path, report: DoctorReport) -> None:
@@ -134,8 +135,7 @@ def _salvage(store: Path, report: DoctorReport) -> None:
         store.with_name(store.name + suffix).unlink(missing_ok=True)
     fresh.replace(store)
     rows = ", ".join(f"{n} {t}" for t, n in copied.items() if n) or "nothing"
-    report.repairs.append(f"set the damaged store aside as {backup}; a new store holds what "
-                          f"could be read ({rows})")
+    report.repairs.append(f"set the damaged store aside as {backup}; a new store holds what could be read ({rows})")
 
 
 def _copy_table(old: sqlite3.Connection, db: Database, table: str) -> int:
@@ -149,10 +149,10 @@ def _copy_table(old: sqlite3.Connection, db: Database, table: str) -> int:
     copied = 0
     for rowid in rowids:
         try:
-            raw = old.execute(f"SELECT {', '.join(names)} FROM {table} WHERE rowid = ?",
-                              (rowid,)).fetchone()
-            db.execute(f"INSERT OR REPLACE INTO {table} ({', '.join(names)}) "
-                       f"VALUES ({', '.join('?' * len(names))})", raw)
+            raw = old.execute(f"SELECT {', '.join(names)} FROM {table} WHERE rowid = ?", (rowid,)).fetchone()
+            db.execute(
+                f"INSERT OR REPLACE INTO {table} ({', '.join(names)}) VALUES ({', '.join('?' * len(names))})", raw
+            )
             copied += 1
         except sqlite3.Error:
             continue

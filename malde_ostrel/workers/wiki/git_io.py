@@ -54,8 +54,7 @@ def run_both(repo: Path, first: list[str], second: list[str]) -> tuple[tuple[int
         for args in (first, second):
             procs.append(
                 subprocess.Popen(
-                    [git, *args], cwd=repo, stdout=subprocess.PIPE,
-                    stderr=subprocess.DEVNULL, env=_ENV,
+                    [git, *args], cwd=repo, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, env=_ENV
                 )  # fmt: skip
             )
         results: list[tuple[int, bytes]] = []

@@ -106,10 +106,7 @@ class Journal:
         self.db = db
 
     def _add(self, kind: str, target: Path, payload: str) -> None:
-        self.db.execute(
-            "INSERT INTO journal (kind, target, payload) VALUES (?, ?, ?)",
-            (kind, str(target), payload),
-        )
+        self.db.execute("INSERT INTO journal (kind, target, payload) VALUES (?, ?, ?)", (kind, str(target), payload))
 
     def move(self, temp: Path, target: Path) -> None:
         self._add(MOVE, target, str(temp))
@@ -132,9 +129,7 @@ class Journal:
         done = 0
         while True:
             with self.db.transaction():
-                raw = self.db.execute(
-                    "SELECT id, kind, target, payload FROM journal ORDER BY id LIMIT 1"
-                ).fetchone()
+                raw = self.db.execute("SELECT id, kind, target, payload FROM journal ORDER BY id LIMIT 1").fetchone()
                 if raw is None:
                     return done
                 entry, kind, target, payload = raw

@@ -57,9 +57,7 @@ class GeneratorBase(PageRetirementMixin, SteeringMixin):
 
     if TYPE_CHECKING:
         # Provided by the plan-of-record mixin; defining it here would shadow it.
-        def _section_cache(
-            self, body: str, citations: list[dict[str, Any]]
-        ) -> dict[str, Any]: ...
+        def _section_cache(self, body: str, citations: list[dict[str, Any]]) -> dict[str, Any]: ...
 
     def reload(self) -> None:
         """Read the branch's stored rows again."""
@@ -89,12 +87,7 @@ class GeneratorBase(PageRetirementMixin, SteeringMixin):
         """Hashes of a page's files, with the steering digest when there is steering."""
         return self._with_steering(self._source_hashes(list(files)))
 
-    def save_page(
-        self,
-        plan: PagePlan,
-        body: str,
-        citations: list[dict[str, Any]] | None = None,
-    ) -> dict[str, Any]:
+    def save_page(self, plan: PagePlan, body: str, citations: list[dict[str, Any]] | None = None) -> dict[str, Any]:
         """Store a page's prose: its body file and its row, now fresh.
 
         The row's hashes cover the plan's files, or the files the row records

@@ -17,9 +17,7 @@ def _file_set(files: Any) -> frozenset[str]:
     return frozenset(str(path) for path in files) if files else frozenset()
 
 
-def keep_agent_titles(
-    plans: list[PagePlan], existing: Mapping[str, Mapping[str, Any]]
-) -> list[PagePlan]:
+def keep_agent_titles(plans: list[PagePlan], existing: Mapping[str, Mapping[str, Any]]) -> list[PagePlan]:
     """Let an author-chosen title win over the planner's title.
 
     A plan whose page is stored with a non-empty ``agent_title`` takes that

@@ -21,14 +21,8 @@ from malde_ostrel.workers.wiki.replan_carry import (
     inherit_prose as inherit_prose,
 )
 from malde_ostrel.workers.wiki.repo_facts import _norm as _norm, _text_hash as _text_hash
-from malde_ostrel.workers.wiki.sections import (
-    changed_files as changed_files,
-    stale_sections as stale_sections,
-)
-from malde_ostrel.workers.wiki.steering import (
-    STEERING_SENTINEL as STEERING_SENTINEL,
-    SteeringMixin as SteeringMixin,
-)
+from malde_ostrel.workers.wiki.sections import changed_files as changed_files, stale_sections as stale_sections
+from malde_ostrel.workers.wiki.steering import STEERING_SENTINEL as STEERING_SENTINEL, SteeringMixin as SteeringMixin
 from malde_ostrel.workers.wiki.types import (
     PagePlan as PagePlan,
     citation_key as citation_key,
@@ -50,15 +44,9 @@ _CATCH_ALL_RE: re.Pattern[str]
 
 def _plan_from_row(row: dict[str, Any], live_paths: set[str]) -> PagePlan: ...
 def pin_plan(
-    fresh_plans: list[PagePlan],
-    existing: dict[str, dict[str, Any]],
-    live_paths: set[str],
-    *,
-    replan: bool = False,
+    fresh_plans: list[PagePlan], existing: dict[str, dict[str, Any]], live_paths: set[str], *, replan: bool = False
 ) -> tuple[list[PagePlan], list[dict[str, Any]], ReplanRemap]: ...
-def _demote_unrecorded_families(
-    fresh_plans: list[PagePlan], existing: dict[str, dict[str, Any]]
-) -> list[PagePlan]: ...
+def _demote_unrecorded_families(fresh_plans: list[PagePlan], existing: dict[str, dict[str, Any]]) -> list[PagePlan]: ...
 def _by_importance(plans: list[PagePlan]) -> list[PagePlan]: ...
 
 _PLAN_LOG_MAX_LINES: Final = 2000
@@ -72,9 +60,7 @@ class PlanRecordMixin(PageRetirementMixin, SteeringMixin):
     pages_dir: Path
     _existing: dict[str, dict[str, Any]]
     def _persist_plan_skeleton(self, plans: list[PagePlan]) -> int: ...
-    def _select_stale(
-        self, plans: list[PagePlan], existing: dict[str, dict[str, Any]], force: bool
-    ) -> set[str]: ...
+    def _select_stale(self, plans: list[PagePlan], existing: dict[str, dict[str, Any]], force: bool) -> set[str]: ...
     def _mark_synthesis_stale(self, page_ids: Iterable[str]) -> None: ...
     def _section_cache(self, body: str, citations: list[dict[str, Any]]) -> dict[str, Any]: ...
     def _page_changes(self, plan: PagePlan, row: dict[str, Any] | None) -> dict[str, Any]: ...

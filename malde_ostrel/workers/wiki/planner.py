@@ -316,9 +316,7 @@ def plan_pages(paths: Iterable[str], steering: Steering | None = None) -> list[P
     return _plan(every, by_dir, steering)
 
 
-def _plan(
-    every: list[str], by_dir: dict[str, list[str]], steering: Steering | None
-) -> list[PagePlan]:
+def _plan(every: list[str], by_dir: dict[str, list[str]], steering: Steering | None) -> list[PagePlan]:
     code = _code_pages(by_dir)
     plans = [
         PagePlan(
@@ -444,7 +442,7 @@ def derive(snapshot: Snapshot, *, exclude: Iterable[str] = ()) -> Derived:
     exact = frozenset(p.strip("/") for p in exclude)
     globs = [glob_regex(p) for p in steering.exclude if p.strip()]
     paths = snapshot.paths
-    if any(a >= b for a, b in zip(paths, paths[1:])):
+    if any(a >= b for a, b in zip(paths, paths[1:], strict=False)):
         paths = sorted(set(paths))
     marked = attributes.marked_paths(paths, snapshot.read_text)
 

@@ -38,9 +38,7 @@ def renamed_columns(row: Mapping[str, Any], moves: Mapping[str, str]) -> dict[st
     sections = cache.get("sections")
     if isinstance(sections, list):
         cache["sections"] = [
-            {**s, "files": sorted({moves.get(p, p) for p in s.get("files") or []})}
-            if isinstance(s, dict)
-            else s
+            {**s, "files": sorted({moves.get(p, p) for p in s.get("files") or []})} if isinstance(s, dict) else s
             for s in sections
         ]
     return {
@@ -67,10 +65,12 @@ def follow(
         changed[page_id] = {**row, **renamed_columns(row, touched)}
         own = {old: new for old, new in touched.items() if old in (row.get("source_files") or [])}
         shown = own or touched
-        records.append({
-            "action": "rename",
-            "page_id": page_id,
-            "reason": f"{len(shown)} file(s) renamed or moved",
-            "renamed": shown,
-        })
+        records.append(
+            {
+                "action": "rename",
+                "page_id": page_id,
+                "reason": f"{len(shown)} file(s) renamed or moved",
+                "renamed": shown,
+            }
+        )
     return changed, records

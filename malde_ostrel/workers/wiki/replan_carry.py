@@ -31,15 +31,9 @@ class ReplanRemap(dict[str, str]):
         return f"ReplanRemap({dict.__repr__(self)}, merged={self.merged!r})"
 
 
-def amend(
-    action: str, page_id: str, reason: str, *, level: str | None = None
-) -> dict[str, Any]:
+def amend(action: str, page_id: str, reason: str, *, level: str | None = None) -> dict[str, Any]:
     """An amendment record for one structural change of the plan."""
-    record: dict[str, Any] = {
-        "action": action,
-        "page_id": page_id,
-        "reason": reason,
-    }
+    record: dict[str, Any] = {"action": action, "page_id": page_id, "reason": reason}
     if level is not None:
         record["level"] = level
     return record

@@ -31,9 +31,7 @@ from malde_ostrel.workers.wiki.repo_facts import _norm, blob_id
 DEFAULT_BRANCH = "main"
 
 # Directories the walk never enters (hidden ones, starting with ".", neither).
-IGNORED_DIRS: frozenset[str] = frozenset(
-    {"node_modules", "__pycache__", "build", "dist", "venv", ".venv"}
-)
+IGNORED_DIRS: frozenset[str] = frozenset({"node_modules", "__pycache__", "build", "dist", "venv", ".venv"})
 
 STATE_DIR_NAME = "ostrel-wiki"
 
@@ -93,13 +91,9 @@ class Snapshot:
     in_git: bool = False
     # The tree is the commit's own: no staged or work-tree change of a tracked file.
     pristine: bool = dataclasses.field(default=False, repr=False)
-    _blobs: git_io.BlobReader | None = dataclasses.field(
-        default=None, repr=False, compare=False
-    )
+    _blobs: git_io.BlobReader | None = dataclasses.field(default=None, repr=False, compare=False)
     # Hashes of work-tree files read so far (a snapshot is one moment).
-    _read: dict[str, str | None] = dataclasses.field(
-        default_factory=dict, repr=False, compare=False
-    )
+    _read: dict[str, str | None] = dataclasses.field(default_factory=dict, repr=False, compare=False)
 
     def close(self) -> None:
         """Stop the blob reader, if one was started (a later read starts it again)."""
@@ -133,9 +127,7 @@ class Snapshot:
         except UnicodeDecodeError:
             return None
 
-    def hashes(
-        self, paths: Iterable[str], progress: Progress | None = None
-    ) -> dict[str, str | None]:
+    def hashes(self, paths: Iterable[str], progress: Progress | None = None) -> dict[str, str | None]:
         """The content hash of each path: git's blob id of the file, None for
         a missing file, a directory, or a path leading outside the repository.
 
@@ -262,10 +254,7 @@ def snapshot(root: Path, branch: str | None = None) -> Snapshot:
         if (root / ".git").exists() and git_io.git_binary() is not None:
             raise RepoError(f"git cannot read {root}; run `git status` there to see why")
         if branch not in (None, DEFAULT_BRANCH):
-            raise RepoError(
-                f"{root} is not a git work tree, so it has no branch {branch!r}; "
-                "leave out --branch"
-            )
+            raise RepoError(f"{root} is not a git work tree, so it has no branch {branch!r}; leave out --branch")
         return Snapshot(root.resolve(), DEFAULT_BRANCH, None, True, _walked_paths(root.resolve()))
     top_dir = Path(top)
     if branch is not None and branch != git_io.text(top_dir, "symbolic-ref", "-q", "--short", "HEAD"):
@@ -325,16 +314,13 @@ def _work_tree(root: Path, branch: str | None) -> Snapshot:
     paths = sorted(known)
     for path in changed.union(odd):
         known.pop(path, None)  # live, but git's id is not the content's
-    return Snapshot(root, branch or head, commit, True, paths, known, in_git=True,
-                    pristine=pristine)
+    return Snapshot(root, branch or head, commit, True, paths, known, in_git=True, pristine=pristine)
 
 
 def _committed(root: Path, branch: str) -> Snapshot:
     commit = git_io.text(root, "rev-parse", "--verify", "-q", f"refs/heads/{branch}^{{commit}}")
     if not commit:
-        raise RepoError(
-            f"no branch {branch!r} in {root}; name an existing local branch (git branch --list)"
-        )
+        raise RepoError(f"no branch {branch!r} in {root}; name an existing local branch (git branch --list)")
     status, out = git_io.run(root, "ls-tree", "-r", "-z", "--full-tree", commit)
     if status != 0:
         raise RepoError(f"git cannot read branch {branch!r} of {root}; check it with `git log`")
@@ -354,9 +340,7 @@ def _committed(root: Path, branch: str) -> Snapshot:
     return snap
 
 
-def _link_target(
-    snap: Snapshot, path: str, oid: str, blobs: dict[str, str], links: dict[str, str]
-) -> str | None:
+def _link_target(snap: Snapshot, path: str, oid: str, blobs: dict[str, str], links: dict[str, str]) -> str | None:
     """The blob id a committed symbolic link leads to within the tree, if any."""
     for _hop in range(_SYMLINK_HOPS):
         if snap._blobs is None:

@@ -18,8 +18,9 @@ class CitationError(WikiError):
     """A strict save refused for the citation problems in ``problems``."""
 
     def __init__(self, page_id: str, problems: list[str]) -> None:
-        super().__init__(f"{page_id} was not saved: {len(problems)} citation problem(s); "
-                         "fix them, or save without --strict")
+        super().__init__(
+            f"{page_id} was not saved: {len(problems)} citation problem(s); fix them, or save without --strict"
+        )
         self.problems = problems
 
 

@@ -7,9 +7,7 @@ from typing import Any
 
 
 def changed_files(
-    stored: Mapping[str, str],
-    current: Mapping[str, str | None],
-    planned: Iterable[str],
+    stored: Mapping[str, str], current: Mapping[str, str | None], planned: Iterable[str]
 ) -> dict[str, list[str]]:
     """Classify each planned path by comparing recorded and current hashes.
 
@@ -32,12 +30,6 @@ def changed_files(
     return {"added": added, "removed": removed, "modified": modified}
 
 
-def stale_sections(
-    sections: Iterable[Mapping[str, Any]], touched: Collection[str]
-) -> list[Mapping[str, Any]]:
+def stale_sections(sections: Iterable[Mapping[str, Any]], touched: Collection[str]) -> list[Mapping[str, Any]]:
     """The section entries, in order, citing at least one touched path."""
-    return [
-        section
-        for section in sections
-        if any(path in touched for path in section.get("files") or ())
-    ]
+    return [section for section in sections if any(path in touched for path in section.get("files") or ())]

@@ -214,10 +214,7 @@ class Database:
         return self
 
     def __exit__(
-        self,
-        exc_type: type[BaseException] | None,
-        exc: BaseException | None,
-        tb: TracebackType | None,
+        self, exc_type: type[BaseException] | None, exc: BaseException | None, tb: TracebackType | None
     ) -> None:
         self.close()
 
@@ -287,15 +284,12 @@ class Repository:
             (branch, page_id, *values),
         )
 
-    def rows(
-        self, branch: str, *, columns: Sequence[str] | None = None
-    ) -> dict[str, dict[str, Any]]:
+    def rows(self, branch: str, *, columns: Sequence[str] | None = None) -> dict[str, dict[str, Any]]:
         """The branch's page rows by page id, in page id order; with
         ``columns``, rows of just those columns and the page id."""
         names = _COLUMNS if columns is None else ("page_id", *(c for c in columns if c in _COLUMNS))
         cursor = self.db.execute(
-            f"SELECT {', '.join(names)} FROM wiki_pages WHERE branch = ? ORDER BY page_id",
-            (branch,),
+            f"SELECT {', '.join(names)} FROM wiki_pages WHERE branch = ? ORDER BY page_id", (branch,)
         )
         return {row["page_id"]: row for row in (self._decode(branch, raw, names) for raw in cursor)}
 
@@ -307,8 +301,7 @@ class Repository:
     def row(self, branch: str, page_id: str) -> dict[str, Any] | None:
         """One page row, or None when the branch has no such page."""
         raw = self.db.execute(
-            f"SELECT {', '.join(_COLUMNS)} FROM wiki_pages WHERE branch = ? AND page_id = ?",
-            (branch, page_id),
+            f"SELECT {', '.join(_COLUMNS)} FROM wiki_pages WHERE branch = ? AND page_id = ?", (branch, page_id)
         ).fetchone()
         return None if raw is None else self._decode(branch, raw)
 
@@ -320,10 +313,7 @@ class Repository:
         cursor = self.db.execute("SELECT DISTINCT branch FROM wiki_pages ORDER BY branch")
         return [str(branch) for (branch,) in cursor]
 
-
-    def _decode(
-        self, branch: str, raw: Sequence[Any], names: Sequence[str] = _COLUMNS
-    ) -> dict[str, Any]:
+    def _decode(self, branch: str, raw: Sequence[Any], names: Sequence[str] = _COLUMNS) -> dict[str, Any]:
         row: dict[str, Any] = dict(zip(names, raw, strict=True))
         for name, kind in _JSON_KINDS.items():
             if name not in row:
@@ -346,8 +336,7 @@ class Repository:
         """Reset the JSON fields of one row that do not decode to their kind, and
         mark the page to write; the names of the fields reset."""
         raw = self.db.execute(
-            f"SELECT {', '.join(_JSON_COLUMNS)} FROM wiki_pages WHERE branch = ? AND page_id = ?",
-            (branch, page_id),
+            f"SELECT {', '.join(_JSON_COLUMNS)} FROM wiki_pages WHERE branch = ? AND page_id = ?", (branch, page_id)
         ).fetchone()
         bad = [
             name
@@ -368,9 +357,7 @@ class Repository:
 
     def plan_commit(self, branch: str) -> str | None:
         """The commit the branch's plan was last made at, if known."""
-        raw = self.db.execute(
-            "SELECT commit_id FROM plan_commits WHERE branch = ?", (branch,)
-        ).fetchone()
+        raw = self.db.execute("SELECT commit_id FROM plan_commits WHERE branch = ?", (branch,)).fetchone()
         return None if raw is None else str(raw[0])
 
     def set_plan_commit(self, branch: str, commit: str) -> None:
@@ -380,18 +367,10 @@ class Repository:
             (branch, commit),
         )
 
-
     # ------------------------------------------------------------ archive
 
     def archive_text(
-        self,
-        branch: str,
-        page_id: str,
-        title: str,
-        body: str,
-        files: list[str],
-        reason: str,
-        carried_to: str | None,
+        self, branch: str, page_id: str, title: str, body: str, files: list[str], reason: str, carried_to: str | None
     ) -> int:
         """Keep the text of a page that left the plan; its archive id."""
         cursor = self.db.execute(
@@ -416,20 +395,17 @@ class Repository:
             entry["open"] = bool(entry["open"])
         return entries
 
-    def settle_archive(self, branch: str, *, carried_to: str | None = None,
-                       entry: int | None = None, to: str | None = None) -> None:
+    def settle_archive(
+        self, branch: str, *, carried_to: str | None = None, entry: int | None = None, to: str | None = None
+    ) -> None:
         """Close the entries carried into ``carried_to`` (its page was written
         again), or close one entry, recording where it went."""
         if entry is not None:
             self.db.execute(
-                "UPDATE archive SET open = 0, carried_to = ? WHERE branch = ? AND id = ?",
-                (to, branch, entry),
+                "UPDATE archive SET open = 0, carried_to = ? WHERE branch = ? AND id = ?", (to, branch, entry)
             )
         elif carried_to is not None:
-            self.db.execute(
-                "UPDATE archive SET open = 0 WHERE branch = ? AND carried_to = ?",
-                (branch, carried_to),
-            )
+            self.db.execute("UPDATE archive SET open = 0 WHERE branch = ? AND carried_to = ?", (branch, carried_to))
 
 
 STALE_MARK_KEY: Final = "__stale__"

@@ -45,9 +45,7 @@ def _cut(cell: str, width: int) -> str:
     return cell if len(cell) <= width else cell[: max(width - 1, 0)] + ELLIPSIS
 
 
-def fit_table(
-    header: list[str], rows: list[list[str]], width: int | None, *, shrink: Sequence[int]
-) -> list[str]:
+def fit_table(header: list[str], rows: list[list[str]], width: int | None, *, shrink: Sequence[int]) -> list[str]:
     """The lines of a table, columns apart by two spaces, trailing blanks
     stripped.  When the table is wider than ``width``, the columns of
     ``shrink`` are cut with an ellipsis, in that order, each down to

@@ -45,11 +45,7 @@ class PagePlan:
 
 def citation_key(citation: Mapping[str, Any]) -> tuple[str, int, int]:
     """The identity of a citation: (path, first line, last line)."""
-    return (
-        str(citation["path"]),
-        int(citation["line_start"]),
-        int(citation["line_end"]),
-    )
+    return (str(citation["path"]), int(citation["line_start"]), int(citation["line_end"]))
 
 
 def link_families(plans: list[PagePlan]) -> list[PagePlan]:
@@ -80,9 +76,7 @@ def _shares_children(child: PagePlan, parent: PagePlan) -> bool:
     ``children`` list (the parent's, or the child's own when the child
     heads a family of its own with one shared list)."""
     related = child.related_pages
-    return related is parent.children or (
-        bool(child.children) and related is child.children
-    )
+    return related is parent.children or (bool(child.children) and related is child.children)
 
 
 def section_of(plan: PagePlan) -> str:

@@ -30,11 +30,7 @@ def prose_citations(text: str) -> list[dict[str, Any]]:
     for match in _CITATION_RE.finditer(text):
         start = int(match["start"])
         end = int(match["end"]) if match["end"] is not None else start
-        citation: dict[str, Any] = {
-            "path": match["path"],
-            "line_start": start,
-            "line_end": end,
-        }
+        citation: dict[str, Any] = {"path": match["path"], "line_start": start, "line_end": end}
         if match["symbol"] is not None:
             citation["symbol"] = match["symbol"]
         found.append(citation)

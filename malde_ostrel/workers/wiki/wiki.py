@@ -29,15 +29,7 @@ from functools import partial
 from pathlib import Path
 from typing import Any, Final
 
-from malde_ostrel.workers.wiki import (
-    carry,
-    citecheck,
-    doctor,
-    planner,
-    plan_record,
-    renames,
-    repo_scan,
-)
+from malde_ostrel.workers.wiki import carry, citecheck, doctor, plan_record, planner, renames, repo_scan
 from malde_ostrel.workers.wiki.auditlog import page_history, read_runs
 from malde_ostrel.workers.wiki.journal import PLAN_LOG_NAME, Journal, new_run_id
 from malde_ostrel.workers.wiki.locking import store_lock
@@ -59,13 +51,7 @@ from malde_ostrel.workers.wiki.reports import (
     StatusReport,
     WikiError,
 )
-from malde_ostrel.workers.wiki.store import (
-    DOCTOR_HINT,
-    SCHEMA_VERSION,
-    Database,
-    Repository,
-    StoreError,
-)
+from malde_ostrel.workers.wiki.store import SCHEMA_VERSION, Database, Repository, StoreError
 from malde_ostrel.workers.wiki.types import PagePlan
 from malde_ostrel.workers.wiki.verify import prose_citations
 from malde_ostrel.workers.wiki_types import PINNED_LEVELS
@@ -118,9 +104,7 @@ STALE_INPUTS: Final = ("source_files", "source_hashes")
 class Wiki:
     """The wiki of one branch: its repository root, store and wiki directory."""
 
-    def __init__(
-        self, root: Path, branch: str | None, store: Path, wiki_dir: Path, *, named: bool
-    ) -> None:
+    def __init__(self, root: Path, branch: str | None, store: Path, wiki_dir: Path, *, named: bool) -> None:
         self.root = root
         self.branch = branch or repo_scan.DEFAULT_BRANCH
         self.store = store
@@ -174,15 +158,15 @@ class Wiki:
         legacy = root / LEGACY_STORE
         state = repo_scan.state_dir(root)
         # A store an earlier release made in the work tree stays in use, with its wikis.
-        use_legacy = (store is None and legacy != state / STORE_NAME and legacy.is_file()
-                      and not (state / STORE_NAME).exists())
+        use_legacy = (
+            store is None and legacy != state / STORE_NAME and legacy.is_file() and not (state / STORE_NAME).exists()
+        )
         if store is None:
             store = legacy if use_legacy else state / STORE_NAME
         if wiki_dir is None:
             base = root / LEGACY_WIKI_ROOT if use_legacy else state / "wiki"
             wiki_dir = base / snap.branch
-        wiki = cls(root, snap.branch, store.expanduser(), wiki_dir.expanduser(),
-                   named=branch is not None)
+        wiki = cls(root, snap.branch, store.expanduser(), wiki_dir.expanduser(), named=branch is not None)
         wiki._unused = snap  # the first operation plans from it: one listing per command
         return wiki
 
@@ -206,8 +190,7 @@ class Wiki:
     def _own_output(self) -> list[str]:
         """Repository paths of what this tool writes, never documented themselves."""
         prefixes: list[str] = []
-        for place in (self.root / LEGACY_WIKI_ROOT, self.wiki_dir, self.store,
-                      self.root / LEGACY_STORE.parent):
+        for place in (self.root / LEGACY_WIKI_ROOT, self.wiki_dir, self.store, self.root / LEGACY_STORE.parent):
             try:
                 prefixes.append(place.resolve().relative_to(self.root).as_posix())
             except ValueError:
@@ -237,11 +220,15 @@ class Wiki:
             finally:
                 db.close()
 
-    def _generator(
-        self, db: Database, snap: repo_scan.Snapshot, steering: planner.Steering
-    ) -> WikiGenerator:
-        return WikiGenerator(self.root, Repository(db), self.branch, self.pages_dir,
-                             steering.text, hasher=partial(snap.hashes, progress=self.progress))
+    def _generator(self, db: Database, snap: repo_scan.Snapshot, steering: planner.Steering) -> WikiGenerator:
+        return WikiGenerator(
+            self.root,
+            Repository(db),
+            self.branch,
+            self.pages_dir,
+            steering.text,
+            hasher=partial(snap.hashes, progress=self.progress),
+        )
 
     def _moves(self, repo: Repository, snap: repo_scan.Snapshot) -> dict[str, str]:
         commit = repo.plan_commit(self.branch)
@@ -249,15 +236,12 @@ class Wiki:
             return {}
         return renames.usable(snap.renames_since(commit), set(snap.paths))
 
-    def _pinned(self, gen: WikiGenerator, derived: planner.Derived,
-                snap: repo_scan.Snapshot) -> list[PagePlan]:
+    def _pinned(self, gen: WikiGenerator, derived: planner.Derived, snap: repo_scan.Snapshot) -> list[PagePlan]:
         """The pinned plan as ``plan`` would make it, writing nothing: the
         stored rows with the renames since the last plan followed."""
         changed, _ = renames.follow(gen._existing, self._moves(gen.repository, snap))
         gen._existing.update(changed)
-        plans, _amendments, _remap = plan_record.pin_plan(
-            derived.fresh, gen._existing, derived.live, replan=False
-        )
+        plans, _amendments, _remap = plan_record.pin_plan(derived.fresh, gen._existing, derived.live, replan=False)
         return plans
 
     # ------------------------------------------------------------ plan
@@ -273,8 +257,12 @@ class Wiki:
                 gen = self._generator(db, snap, steering)
                 changed, records = renames.follow(gen._existing, self._moves(repo, snap))
                 for page_id, row in changed.items():
-                    repo.upsert_wiki_page(self.branch, page_id, str(row["title"]), **{
-                        k: row[k] for k in ("source_files", "source_hashes", "build_cache")})
+                    repo.upsert_wiki_page(
+                        self.branch,
+                        page_id,
+                        str(row["title"]),
+                        **{k: row[k] for k in ("source_files", "source_hashes", "build_cache")},
+                    )
                 if changed:
                     gen.reload()
                 before = dict(gen._existing)
@@ -296,18 +284,20 @@ class Wiki:
                 if not first:
                     records.extend(self._settle_files(repo, plans, rows, amendments))
                 carrier = carry.Carrier(repo, journal, self.branch, self.pages_dir)
-                records.extend(_carry(carrier, retired, rows, amendments, remap, plans,
-                                      set(snap.paths)))
+                records.extend(_carry(carrier, retired, rows, amendments, remap, plans, set(snap.paths)))
                 gen._mark_synthesis_stale(carrier.finish())
                 if snap.commit:
                     repo.set_plan_commit(self.branch, snap.commit)
                 if records:
-                    journal.log(self.log_path, {
-                        "at": datetime.now().isoformat(timespec="seconds"),
-                        "replan": replan,
-                        "amendments": records,
-                        "run": new_run_id(),
-                    })
+                    journal.log(
+                        self.log_path,
+                        {
+                            "at": datetime.now().isoformat(timespec="seconds"),
+                            "replan": replan,
+                            "amendments": records,
+                            "run": new_run_id(),
+                        },
+                    )
             warnings += _finish(journal)
             # Only the files and hashes a row records decide which pages to write.
             gen._existing = repo.rows(self.branch, columns=STALE_INPUTS)
@@ -317,16 +307,23 @@ class Wiki:
                 drift = drift.replace("/ostrel-wiki --replan", f"`{PROG} --replan`")
             stale = gen._select_stale(plans, gen._existing, False)
         pages = [
-            PageLine(plan.page_id, plan.level, plan.title, len(plan.source_files),
-                     list(plan.source_files), list(plan.children), _state(plan, before),
-                     plan.page_id in stale)
+            PageLine(
+                plan.page_id,
+                plan.level,
+                plan.title,
+                len(plan.source_files),
+                list(plan.source_files),
+                list(plan.children),
+                _state(plan, before),
+                plan.page_id in stale,
+            )
             for plan in plans
         ]
-        return PlanReport(self.branch, first, replan, pages, records, dict(remap),
-                          dict(remap.merged), retired, drift, warnings)
+        return PlanReport(
+            self.branch, first, replan, pages, records, dict(remap), dict(remap.merged), retired, drift, warnings
+        )
 
-    def _settle_parents(self, repo: Repository, plans: list[PagePlan],
-                        rows: dict[str, dict[str, Any]]) -> list[str]:
+    def _settle_parents(self, repo: Repository, plans: list[PagePlan], rows: dict[str, dict[str, Any]]) -> list[str]:
         """Code pages that became a family parent, changed children, or stopped
         being a parent: their rows take the new shape (a parent lists its
         children and owns no files); their ids, to be marked to write."""
@@ -341,15 +338,19 @@ class Wiki:
                     continue
             elif not stored_kids and (row.get("source_files") or not plan.source_files):
                 continue
-            repo.upsert_wiki_page(self.branch, plan.page_id, str(row.get("title") or ""),
-                                  source_files=plan.stored_source_files(),
-                                  related_pages=list(plan.children))
+            repo.upsert_wiki_page(
+                self.branch,
+                plan.page_id,
+                str(row.get("title") or ""),
+                source_files=plan.stored_source_files(),
+                related_pages=list(plan.children),
+            )
             changed.append(plan.page_id)
         return changed
 
-    def _settle_files(self, repo: Repository, plans: list[PagePlan],
-                      rows: dict[str, dict[str, Any]],
-                      amendments: list[dict[str, Any]]) -> list[dict[str, Any]]:
+    def _settle_files(
+        self, repo: Repository, plans: list[PagePlan], rows: dict[str, dict[str, Any]], amendments: list[dict[str, Any]]
+    ) -> list[dict[str, Any]]:
         """Record in the rows the files each code page documents now, and give
         the records the pinning does not: pages new to the store, and files
         that joined or left a page (a family part's share of its directory)."""
@@ -359,29 +360,29 @@ class Wiki:
             row = rows.get(plan.page_id)
             if row is None:
                 if not any((act, plan.page_id) in named for act in ("add", "remap")):
-                    records.append(amend("add", plan.page_id, f"new {plan.level} page",
-                                         level=plan.level))
+                    records.append(amend("add", plan.page_id, f"new {plan.level} page", level=plan.level))
                 continue
-            if (plan.children or plan.level not in PINNED_LEVELS or not plan.source_files
-                    or plan.page_id.startswith("custom-")):
+            if (
+                plan.children
+                or plan.level not in PINNED_LEVELS
+                or not plan.source_files
+                or plan.page_id.startswith("custom-")
+            ):
                 continue
             old, new = set(row.get("source_files") or []), set(plan.source_files)
             if old == new:
                 continue
-            repo.upsert_wiki_page(self.branch, plan.page_id, str(row.get("title") or ""),
-                                  source_files=sorted(new))
+            repo.upsert_wiki_page(self.branch, plan.page_id, str(row.get("title") or ""), source_files=sorted(new))
             if ("extend", plan.page_id) not in named:
                 joined, left = sorted(new - old), sorted(old - new)
-                record = amend("files", plan.page_id,
-                               f"{len(joined)} file(s) joined, {len(left)} left")
+                record = amend("files", plan.page_id, f"{len(joined)} file(s) joined, {len(left)} left")
                 record.update(joined=joined, left=left)
                 records.append(record)
         return records
 
     # ------------------------------------------------------------ save
 
-    def save(self, page_id: str, body: str, *, allow_empty: bool = False,
-             strict: bool = False) -> SaveReport:
+    def save(self, page_id: str, body: str, *, allow_empty: bool = False, strict: bool = False) -> SaveReport:
         """Store the text of one page of the plan of record. Citations that
         point nowhere are reported; with ``strict`` they refuse the save."""
         if not body.strip() and not allow_empty:
@@ -396,23 +397,27 @@ class Wiki:
                 with db.transaction():
                     gen = self._generator(db, snap, steering)
                     if not gen._existing:
-                        raise WikiError(f"no plan of record for branch {self.branch} yet; "
-                                        f"run `{PROG} plan` first")
+                        raise WikiError(f"no plan of record for branch {self.branch} yet; run `{PROG} plan` first")
                     stored = set(gen._existing)
                     plans = self._pinned(gen, derived, snap)
                     plan = next((p for p in plans if p.page_id == page_id), None)
                     if plan is None:
-                        raise WikiError(f"unknown page id {page_id!r}: not in the plan of branch "
-                                        f"{self.branch}; `{PROG} status` lists the pages")
+                        raise WikiError(
+                            f"unknown page id {page_id!r}: not in the plan of branch "
+                            f"{self.branch}; `{PROG} status` lists the pages"
+                        )
                     if page_id not in stored:
-                        raise WikiError(f"page {page_id} is planned but not yet of record on "
-                                        f"branch {self.branch}; run `{PROG} plan` first")
+                        raise WikiError(
+                            f"page {page_id} is planned but not yet of record on "
+                            f"branch {self.branch}; run `{PROG} plan` first"
+                        )
                     problems = citecheck.check(body, citecheck.covered(plan, plans, snap.paths), snap)
                     if problems and strict:
                         raise CitationError(page_id, problems)
                     citations = prose_citations(body)
-                    replaced = [e["page_id"] for e in repo.archived(self.branch)
-                                if e["open"] and e["carried_to"] == page_id]
+                    replaced = [
+                        e["page_id"] for e in repo.archived(self.branch) if e["open"] and e["carried_to"] == page_id
+                    ]
                     repo.settle_archive(self.branch, carried_to=page_id)
                     row = gen.save_page(plan, body, citations)
             except BaseException:
@@ -424,8 +429,16 @@ class Wiki:
         sections = list((row.get("build_cache") or {}).get("sections") or [])
         known = set(snap.paths)
         unknown = sorted({str(c["path"]) for c in citations if _norm(str(c["path"])) not in known})
-        return SaveReport(page_id, str(self.pages_dir / f"{page_id}.md"), len(citations),
-                          sections, unknown, replaced, warnings, citation_problems=problems)
+        return SaveReport(
+            page_id,
+            str(self.pages_dir / f"{page_id}.md"),
+            len(citations),
+            sections,
+            unknown,
+            replaced,
+            warnings,
+            citation_problems=problems,
+        )
 
     # ------------------------------------------------------------ read-outs
 
@@ -443,28 +456,45 @@ class Wiki:
                 row = gen._existing.get(plan.page_id)
                 written = bool(row and row.get("content_hash"))
                 changes = gen._page_changes(plan, row) if written else {}
-                pages.append(StatusPage(
-                    plan.page_id, written, plan.page_id in stale,
-                    changes.get("changed_files", {}), list(changes.get("stale_sections", [])),
-                    [e["page_id"] for e in archive if e["open"] and e["carried_to"] == plan.page_id],
-                ))
-        return StatusReport(self.branch, of_record, [p.page_id for p in pages if p.to_write],
-                            pages, [e["page_id"] for e in archive if e["carried_to"] is None])
+                pages.append(
+                    StatusPage(
+                        plan.page_id,
+                        written,
+                        plan.page_id in stale,
+                        changes.get("changed_files", {}),
+                        list(changes.get("stale_sections", [])),
+                        [e["page_id"] for e in archive if e["open"] and e["carried_to"] == plan.page_id],
+                    )
+                )
+        return StatusReport(
+            self.branch,
+            of_record,
+            [p.page_id for p in pages if p.to_write],
+            pages,
+            [e["page_id"] for e in archive if e["carried_to"] is None],
+        )
 
     def show(self, page_id: str) -> ShowReport:
         status = self.status()
         page = next((p for p in status.pages if p.page_id == page_id), None)
         if page is None:
-            raise WikiError(f"unknown page id {page_id!r}: not in the plan of branch "
-                            f"{self.branch}; `{PROG} status` lists the pages")
+            raise WikiError(
+                f"unknown page id {page_id!r}: not in the plan of branch {self.branch}; `{PROG} status` lists the pages"
+            )
         snap = self._snapshot()
         derived, steering = self._derive(snap)
         with self._session(write=False) as db:
             gen = self._generator(db, snap, steering)
             plan = next(p for p in self._pinned(gen, derived, snap) if p.page_id == page_id)
-        return ShowReport(page_id, plan.title, list(plan.source_files), list(plan.children),
-                          carry.read_body(self.pages_dir / f"{page_id}.md"), page.to_write,
-                          page.stale_sections)
+        return ShowReport(
+            page_id,
+            plan.title,
+            list(plan.source_files),
+            list(plan.children),
+            carry.read_body(self.pages_dir / f"{page_id}.md"),
+            page.to_write,
+            page.stale_sections,
+        )
 
     def log(self, n: int) -> LogReport:
         runs, bad = read_runs(self.log_path)
@@ -475,9 +505,12 @@ class Wiki:
 
     def archive(self) -> list[ArchiveEntry]:
         with self._session(write=False) as db:
-            return [ArchiveEntry(e["id"], e["page_id"], e["title"], e["files"], e["reason"],
-                                 e["carried_to"], e["open"], e["at"])
-                    for e in Repository(db).archived(self.branch)]
+            return [
+                ArchiveEntry(
+                    e["id"], e["page_id"], e["title"], e["files"], e["reason"], e["carried_to"], e["open"], e["at"]
+                )
+                for e in Repository(db).archived(self.branch)
+            ]
 
     def restore(self, entry: int, *, into: str | None = None) -> RestoreReport:
         """Give an archived text to a planned page (``into``, else the one that
@@ -489,33 +522,37 @@ class Wiki:
             with db.transaction():
                 found = next((e for e in repo.archived(self.branch) if e["id"] == entry), None)
                 if found is None:
-                    raise WikiError(f"no archive entry {entry} on branch {self.branch}; "
-                                    f"`{PROG} archive` lists them")
+                    raise WikiError(f"no archive entry {entry} on branch {self.branch}; `{PROG} archive` lists them")
                 gen = self._generator(db, snap, steering)
                 plans = self._pinned(gen, derived, snap)
-                leaving = carry.Leaving(found["page_id"], found["title"], found["files"],
-                                        found["body"])
-                target = carry.receiver(leaving, into, ReplanRemap(), plans,
-                                        set(snap.paths))
+                leaving = carry.Leaving(found["page_id"], found["title"], found["files"], found["body"])
+                target = carry.receiver(leaving, into, ReplanRemap(), plans, set(snap.paths))
                 if target is None or (into is not None and target != into):
                     where = f"page {into!r} is not planned" if into else "no planned page holds its files"
-                    raise WikiError(f"cannot restore entry {entry}: {where}; name a planned page "
-                                    f"with --into PAGE")
+                    raise WikiError(f"cannot restore entry {entry}: {where}; name a planned page with --into PAGE")
                 carrier = carry.Carrier(repo, journal, self.branch, self.pages_dir)
                 carrier.drafts[target] = carry.compose(carrier.body(target), leaving)
                 gen._mark_synthesis_stale(carrier.finish() or [target])
                 repo.settle_archive(self.branch, entry=entry, to=target)
-                journal.log(self.log_path, {
-                    "at": datetime.now().isoformat(timespec="seconds"), "replan": False,
-                    "amendments": [{"action": "restore", "page_id": target,
-                                    "reason": f"text of {found['page_id']} restored from the "
-                                              f"archive (entry {entry})",
-                                    "from": found["page_id"], "entry": entry}],
-                    "run": new_run_id(),
-                })
+                journal.log(
+                    self.log_path,
+                    {
+                        "at": datetime.now().isoformat(timespec="seconds"),
+                        "replan": False,
+                        "amendments": [
+                            {
+                                "action": "restore",
+                                "page_id": target,
+                                "reason": f"text of {found['page_id']} restored from the archive (entry {entry})",
+                                "from": found["page_id"],
+                                "entry": entry,
+                            }
+                        ],
+                        "run": new_run_id(),
+                    },
+                )
             _finish(journal)
         return RestoreReport(entry, found["page_id"], target)
-
 
     def doctor(self) -> DoctorReport:
         """Check the store and the branch's log and texts; repair what can be
@@ -544,8 +581,7 @@ def _finish(journal: Journal) -> list[str]:
         journal.replay()
     except OSError as exc:
         where = f"{exc.filename}: " if exc.filename else ""
-        return [f"{where}{exc.strerror or exc}; the store holds the change and the next "
-                f"`{PROG}` run finishes it"]
+        return [f"{where}{exc.strerror or exc}; the store holds the change and the next `{PROG}` run finishes it"]
     return []
 
 
@@ -559,15 +595,20 @@ def _record_new_pages(gen: WikiGenerator, plans: list[PagePlan], stored: set[str
             if plan.source_files or plan.children:
                 continue  # the skeleton has them
         gen.repository.upsert_wiki_page(
-            gen.branch, plan.page_id, plan.title, **page_columns(plan),
+            gen.branch,
+            plan.page_id,
+            plan.title,
+            **page_columns(plan),
             source_files=plan.stored_source_files(),
             source_hashes={plan_record._STALE_SENTINEL: "pending"},
-            related_pages=list(plan.children), status="stale",
+            related_pages=list(plan.children),
+            status="stale",
         )
 
 
-def _replaced(existing: dict[str, dict[str, Any]], plans: list[PagePlan],
-              amendments: list[dict[str, Any]]) -> list[dict[str, Any]]:
+def _replaced(
+    existing: dict[str, dict[str, Any]], plans: list[PagePlan], amendments: list[dict[str, Any]]
+) -> list[dict[str, Any]]:
     """Retirements that apply a replan: stored code pages its structure dropped."""
     keep = {plan.page_id for plan in plans}
     keep.update(str(a["page_id"]) for a in amendments if a.get("action") == "retire")
@@ -578,9 +619,15 @@ def _replaced(existing: dict[str, dict[str, Any]], plans: list[PagePlan],
     ]
 
 
-def _carry(carrier: carry.Carrier, retired: list[str], rows: dict[str, dict[str, Any]],
-           amendments: list[dict[str, Any]], remap: ReplanRemap,
-           plans: list[PagePlan], live: set[str]) -> list[dict[str, Any]]:
+def _carry(
+    carrier: carry.Carrier,
+    retired: list[str],
+    rows: dict[str, dict[str, Any]],
+    amendments: list[dict[str, Any]],
+    remap: ReplanRemap,
+    plans: list[PagePlan],
+    live: set[str],
+) -> list[dict[str, Any]]:
     """Give the texts of the retired pages to the pages that take their files;
     make the retire and remap records say where texts really went."""
     planned = {plan.page_id for plan in plans}
@@ -594,8 +641,7 @@ def _carry(carrier: carry.Carrier, retired: list[str], rows: dict[str, dict[str,
             continue
         named = record.pop("carried_to", None)
         if page_id in texts and page_id not in went:
-            target = carry.receiver(texts[page_id], named if isinstance(named, str) else None,
-                                    remap, plans, live)
+            target = carry.receiver(texts[page_id], named if isinstance(named, str) else None, remap, plans, live)
             records.append(carrier.carry(texts[page_id], target, str(record.get("reason", ""))))
             went[page_id] = target
         if went.get(page_id):
@@ -613,4 +659,3 @@ def _state(plan: PagePlan, before: dict[str, dict[str, Any]]) -> str:
     same_files = sorted(plan.stored_source_files()) == sorted(row.get("source_files") or [])
     same_children = not plan.children or plan.children == (row.get("related_pages") or [])
     return "kept" if same_files and same_children else "changed"
-
