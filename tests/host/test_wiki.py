@@ -7,7 +7,6 @@ from __future__ import annotations
 
 import os
 import shutil
-import subprocess
 from collections.abc import Callable
 from pathlib import Path
 from typing import Any
@@ -19,28 +18,7 @@ from malde_ostrel.workers.wiki.repo_facts import _text_hash
 from malde_ostrel.workers.wiki.reports import WikiError
 from malde_ostrel.workers.wiki.wiki import Wiki
 
-ENV = {
-    "GIT_AUTHOR_NAME": "T", "GIT_AUTHOR_EMAIL": "t@example.invalid",
-    "GIT_COMMITTER_NAME": "T", "GIT_COMMITTER_EMAIL": "t@example.invalid",
-    "GIT_CONFIG_GLOBAL": os.devnull, "GIT_CONFIG_NOSYSTEM": "1", "PATH": os.environ["PATH"],
-}  # fmt: skip
-
-
-def git(repo: Path, *args: str) -> None:
-    subprocess.run(["git", *args], cwd=repo, env=ENV, check=True, capture_output=True)
-
-
-def change(repo: Path, add: dict[str, str] = {}, move: dict[str, str] = {}, drop: tuple[str, ...] = ()) -> None:  # noqa: B006
-    for rel, text in add.items():
-        (repo / rel).parent.mkdir(parents=True, exist_ok=True)
-        (repo / rel).write_text(text)
-    for old, new in move.items():
-        (repo / new).parent.mkdir(parents=True, exist_ok=True)
-        git(repo, "mv", old, new)
-    for rel in drop:
-        git(repo, "rm", "-rq", rel)
-    git(repo, "add", "-A")
-    git(repo, "commit", "-qm", "step", "--allow-empty")
+from .gitrepo import change, make_repo
 
 
 def files(d: str, n: int, start: int = 0) -> dict[str, str]:
@@ -49,11 +27,8 @@ def files(d: str, n: int, start: int = 0) -> dict[str, str]:
 
 @pytest.fixture
 def repo(tmp_path: Path) -> Path:
-    root = tmp_path / "repo"
-    root.mkdir()
-    git(root, "init", "-q", "-b", "main", "--template=")
-    change(root, {**files("core", 3), **files("util", 2), **files("big", 10), "README.md": "hi\n"})
-    return root
+    return make_repo(tmp_path / "repo", {**files("core", 3), **files("util", 2), **files("big", 10),
+                                         "README.md": "hi\n"})
 
 
 class Texts:
