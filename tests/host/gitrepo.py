@@ -38,7 +38,7 @@ def change(repo: Path, add: dict[str, str] = {}, move: dict[str, str] = {}, drop
 
 
 def make_repo(root: Path, files: dict[str, str], branch: str = "main") -> Path:
-    root.mkdir(parents=True)
+    root.mkdir(parents=True, exist_ok=True)
     git(root, "init", "-q", "-b", branch, "--template=")
     change(root, files)
     return root
