@@ -25,10 +25,11 @@ def write(root: Path, files: dict[str, str]) -> None:
         (root / rel).write_text(text, encoding="utf-8")
 
 
-def change(repo: Path, add: dict[str, str] = {}, move: dict[str, str] = {}, drop: tuple[str, ...] = ()) -> None:  # noqa: B006
+def change(repo: Path, add: dict[str, str] | None = None, move: dict[str, str] | None = None,
+           drop: tuple[str, ...] = ()) -> None:
     """Write, move and remove files, then commit everything."""
-    write(repo, add)
-    for old, new in move.items():
+    write(repo, add or {})
+    for old, new in (move or {}).items():
         (repo / new).parent.mkdir(parents=True, exist_ok=True)
         git(repo, "mv", old, new)
     for rel in drop:
