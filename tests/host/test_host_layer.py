@@ -8,8 +8,9 @@ from typing import Any
 
 import pytest
 
+from malde_ostrel.workers.wiki.carry import page_files
 from malde_ostrel.workers.wiki.page_title import keep_agent_titles
-from malde_ostrel.workers.wiki.replan_carry import ReplanRemap, carry_superseded, inherit_prose
+from malde_ostrel.workers.wiki.replan_carry import ReplanRemap, carry_superseded
 from malde_ostrel.workers.wiki.repo_facts import _norm, file_hash
 from malde_ostrel.workers.wiki.sections import changed_files
 from malde_ostrel.workers.wiki.types import PagePlan
@@ -20,7 +21,7 @@ def plan(page_id: str, *files: str, level: str = "module", title: str = "T") -> 
     return PagePlan(page_id=page_id, level=level, title=title, source_files=list(files))
 
 
-def test_prose_goes_to_the_largest_overlap_once() -> None:
+def test_leaving_text_goes_to_the_largest_overlap_once() -> None:
     remap = ReplanRemap()
     row = {"source_files": ["a.c", "b.c", "dead.c"], "level": "package"}
     family = [plan("f1", "a.c"), plan("f2", "a.c", "b.c")]
@@ -29,16 +30,9 @@ def test_prose_goes_to_the_largest_overlap_once() -> None:
     assert record == {"action": "retire", "page_id": "old", "reason": "why", "level": "package",
                       "carried_to": "f2"}
     assert remap.merged == {"f2": ["old"]} and dict(remap) == {}
-    existing: dict[str, dict[str, Any]] = {
-        "keep": {"source_files": ["k.c"]}, "old1": {"source_files": ["a.c", "b.c"]},  # tie s1/s2 -> s1
-        "old2": {"source_files": ["a.c"]}, "old3": {"source_files": ["gone.c", "c.c"]},
-        "orphan": {"source_files": ["nowhere.c"]}, "bare": {"source_files": None}}  # fmt: skip
-    remap, amendments = ReplanRemap(), list[dict[str, Any]]()
-    inherit_prose(remap, existing, [plan("s1", "a.c", "k.c"), plan("s2", "b.c", "c.c", level="package")],
-                  {"a.c", "b.c", "c.c", "k.c", "nowhere.c"}, {"keep", "s1", "s2"}, amendments)
-    assert dict(remap) == {"s1": "old1", "s2": "old3"} and remap.merged == {"s1": ["old2"]}
-    assert [(a["page_id"], a["from"], a["level"]) for a in amendments] == [
-        ("s1", "old1", "module"), ("s1", "old2", "module"), ("s2", "old3", "package")]
+    # A family parent's files are its children's.
+    rows = {"p": {"related_pages": ["a", "b"]}, "a": {"source_files": ["y", "x"]}, "b": {"source_files": ["x"]}}
+    assert page_files("p", rows) == ["x", "y"] and page_files("a", rows) == ["x", "y"] and page_files("z", rows) == []
 
 
 def test_chosen_titles_follow_their_files_unless_ambiguous() -> None:
