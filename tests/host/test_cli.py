@@ -139,15 +139,18 @@ def test_saved_page_shows_its_stale_section_after_an_edit(repo: Path, body: Path
 
 
 def test_steering_pages_and_text(repo: Path, body: Path) -> None:
-    change(repo, {".ostrel-wiki.toml": 'steering = "Be brief."\n[[page]]\ntitle = "Docs"\nfiles = ["*.md"]\n'})
-    assert pages(plan(repo))["custom-docs"]["source_files"] == ["README.md"]
+    change(repo, {".ostrel-wiki.toml": 'steering = "Be brief."\n[[page]]\ntitle = "Docs & Notes"\nfiles = ["*.md"]\n'
+                  '[[page]]\ntitle = "docs notes"\nfiles = "main.py"\ndescription = "d"\n'})
+    first = pages(plan(repo))
+    assert first["custom-docs-notes"]["source_files"] == ["README.md"]
+    assert first["custom-docs-notes-2"]["source_files"] == ["main.py"]
     run(repo, "save", "module-core", str(body))
     assert "module-core" not in json.loads(run(repo, "status", "--json").stdout)["to_write"]
     # A change of the steering text makes written pages stale; dropping a
     # steering page retires it.
     change(repo, {".ostrel-wiki.toml": 'steering = "Be thorough."\n'})
     second = plan(repo)
-    assert ("retire", "custom-docs") in actions(second) and pages(second)["module-core"]["to_write"]
+    assert ("retire", "custom-docs-notes") in actions(second) and pages(second)["module-core"]["to_write"]
 
 
 def test_plain_directory_is_walked(tmp_path: Path) -> None:
