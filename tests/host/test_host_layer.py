@@ -1,5 +1,5 @@
-"""The host helpers the plan pinning calls: prose carry on a replan, kept
-titles, file freshness, citations and hashes."""
+"""Small host helpers with boundaries of their own: a leaving family's files,
+kept titles, path forms, file hashes and citations."""
 
 from __future__ import annotations
 
@@ -10,9 +10,7 @@ import pytest
 
 from malde_ostrel.workers.wiki.carry import page_files
 from malde_ostrel.workers.wiki.page_title import keep_agent_titles
-from malde_ostrel.workers.wiki.replan_carry import ReplanRemap, carry_superseded
 from malde_ostrel.workers.wiki.repo_facts import _norm, file_hash
-from malde_ostrel.workers.wiki.sections import changed_files
 from malde_ostrel.workers.wiki.types import PagePlan
 from malde_ostrel.workers.wiki.verify import prose_citations
 
@@ -21,18 +19,9 @@ def plan(page_id: str, *files: str, level: str = "module", title: str = "T") -> 
     return PagePlan(page_id=page_id, level=level, title=title, source_files=list(files))
 
 
-def test_leaving_text_goes_to_the_largest_overlap_once() -> None:
-    remap = ReplanRemap()
-    row = {"source_files": ["a.c", "b.c", "dead.c"], "level": "package"}
-    family = [plan("f1", "a.c"), plan("f2", "a.c", "b.c")]
-    for _ in range(2):
-        record = carry_superseded(remap, "old", row, family, {"a.c", "b.c"}, "why")
-    assert record == {"action": "retire", "page_id": "old", "reason": "why", "level": "package",
-                      "carried_to": "f2"}
-    assert remap.merged == {"f2": ["old"]} and dict(remap) == {}
-    # A family parent's files are its children's.
+def test_a_family_parent_leaves_with_its_childrens_files() -> None:
     rows = {"p": {"related_pages": ["a", "b"]}, "a": {"source_files": ["y", "x"]}, "b": {"source_files": ["x"]}}
-    assert page_files("p", rows) == ["x", "y"] and page_files("a", rows) == ["x", "y"] and page_files("z", rows) == []
+    assert [page_files(page, rows) for page in ("p", "a", "z")] == [["x", "y"], ["x", "y"], []]
 
 
 def test_chosen_titles_follow_their_files_unless_ambiguous() -> None:
@@ -45,15 +34,6 @@ def test_chosen_titles_follow_their_files_unless_ambiguous() -> None:
     plans = [plan("same"), plan("plain"), plan("fresh", "a.c", "b.c"), plan("other", "a.c"), plan("z", "z.c")]
     keep_agent_titles(plans, existing)
     assert [p.title for p in plans] == ["Chosen", "T", "Loader", "T", "T"]
-
-
-def test_changed_files_classification() -> None:
-    stored = {"same.c": "1", "mod.c": "1", "gone.c": "1", "emptied.c": "1"}
-    current: dict[str, str | None] = {"same.c": "1", "mod.c": "2", "gone.c": None, "emptied.c": "",
-                                      "new.c": "3", "never.c": None}  # fmt: skip
-    planned = ["new.c", "mod.c", "gone.c", "emptied.c", "same.c", "never.c", "absent.c"]
-    assert changed_files(stored, current, planned) == {
-        "added": ["new.c"], "removed": ["emptied.c", "gone.c"], "modified": ["mod.c"]}
 
 
 @pytest.mark.parametrize(("raw", "norm"), [("./src/a.c", "src/a.c"), ("src\\w\\b.c", "src/w/b.c"),

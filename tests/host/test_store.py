@@ -18,9 +18,6 @@ from malde_ostrel.workers.wiki.repo_facts import _text_hash, file_hash
 from malde_ostrel.workers.wiki.store import SCHEMA_VERSION, Database, Repository, StoreError
 from malde_ostrel.workers.wiki.types import PagePlan
 
-STALE_MARK = {"__stale__": "pending"}
-
-
 @pytest.fixture
 def db(tmp_path: Path) -> Iterator[Database]:
     with Database.open(tmp_path / "state" / "wiki.db") as database:
@@ -93,14 +90,13 @@ def test_transactions_nest_and_a_second_connection_waits(db: Database) -> None:
                 repo.upsert_wiki_page("main", "d", "D")
             raise RuntimeError("outer")
     assert list(repo.rows("main")) == ["a", "c"]
-    with Database.open(db.path) as other:
+    with Database.open(db.path) as other:  # a second connection reads the last commit, and waits to write
         other.execute("PRAGMA busy_timeout = 50")
         with db.transaction():
             repo.upsert_wiki_page("main", "e", "E")
             assert list(Repository(other).rows("main")) == ["a", "c"]
-            with pytest.raises(sqlite3.OperationalError, match="locked"):
-                with other.transaction():
-                    pass
+            with pytest.raises(sqlite3.OperationalError, match="locked"), other.transaction():
+                pass
         assert list(Repository(other).rows("main")) == ["a", "c", "e"]
 
 
