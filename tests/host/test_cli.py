@@ -284,7 +284,7 @@ def test_unreadable_log_line_is_skipped_and_set_aside(repo: Path) -> None:
     run(repo, "plan")
     log = repo / WIKI / "plan-log.jsonl"
     with log.open("ab") as file:
-        file.write(b"\xff\xfe not a record\n")
+        file.write(b"\xff\xfe not a record, cut short")  # no line end: a crash mid-write
     change(repo, {"extra/a.py": "", "extra/b.py": ""})
     assert "module-extra" in run(repo, "plan").stdout
     done = run(repo, "log")

@@ -135,9 +135,7 @@ def test_texts_follow_their_files_through_a_history(repo: Path) -> None:
     assert wiki.plan().amendments == [] and len(wiki.log(10_000).runs) == before
 
 
-WRITES: list[tuple[Any, str]] = [
-    (store.Database, "execute"), (journal, "_perform"), (journal, "temp_beside"),
-]
+WRITES: list[tuple[Any, str]] = [(store.Database, "execute"), (journal, "_perform"), (journal, "temp_beside")]
 
 
 def fault_at(mp: pytest.MonkeyPatch, n: int, fail: Callable[[], None]) -> None:
