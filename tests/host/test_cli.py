@@ -139,8 +139,8 @@ def test_saved_page_shows_its_stale_section_after_an_edit(repo: Path, body: Path
 
 
 def test_steering_pages_and_text(repo: Path, body: Path) -> None:
-    change(repo, {".ostrel-wiki.toml": 'steering = "Be brief."\n[[page]]\ntitle = "Docs & Notes"\nfiles = ["*.md"]\n'
-                  '[[page]]\ntitle = "docs notes"\nfiles = "main.py"\ndescription = "d"\n'})
+    change(repo, {".ostrel-wiki.toml": 'steering = "Be brief."\n[[page]]\ntitle = "Docs & Notes"\n'
+                  'files = ["*.md"]\n[[page]]\ntitle = "docs notes"\nfiles = "main.py"\n'})
     first = pages(plan(repo))
     assert first["custom-docs-notes"]["source_files"] == ["README.md"]
     assert first["custom-docs-notes-2"]["source_files"] == ["main.py"]

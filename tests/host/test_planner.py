@@ -8,11 +8,11 @@ from pathlib import Path
 import pytest
 
 from malde_ostrel.workers.wiki import planner
-from malde_ostrel.workers.wiki.planner import MAX_FILES_PER_PAGE, Steering, SteeringError, SteeringPage, plan_pages
+from malde_ostrel.workers.wiki.planner import MAX_FILES_PER_PAGE as LIMIT
+from malde_ostrel.workers.wiki.planner import Steering, SteeringError, SteeringPage, plan_pages
 from malde_ostrel.workers.wiki.splits import split
 from malde_ostrel.workers.wiki.types import PagePlan
 
-LIMIT = MAX_FILES_PER_PAGE
 PATHS = ["README.md", "setup.py", "src/core/a.py", "src/core/b.py", "src/io/read.c", "src/io/read.h",
          "docs/guide.md", "Makefile", *(f"big/m{i:02d}.rs" for i in range(1, 2 * LIMIT + 2))]  # fmt: skip
 
@@ -89,7 +89,8 @@ def test_one_file_more_or_less_seldom_moves_another_part() -> None:
         (["a_b/x.py", "a-b/y.py"], ["module-a-b", "module-a-b-2"]),
         # The catch-all page's id form is never given to a directory.
         (["additional/x.py"], ["module-additional-code"]),
-        (["additional-3/x.py", "additional/3/y.py"], ["module-additional-3-code", "module-additional-3-code-2"]),
+        (["additional-3/x.py", "additional/3/y.py"],
+         ["module-additional-3-code", "module-additional-3-code-2"]),
         (["root/x.py", "top.py"], ["module-root", "module-root-2"]),
         # A directory named like a part does not steal its id.
         ([*(f"w/f{i:02d}.c" for i in range(LIMIT + 1)), "w/part-f00/k.c"],

@@ -73,8 +73,8 @@ def test_plain_directories_and_refusals(repo: Path, tmp_path: Path) -> None:
     assert (walked.paths, walked.commit, walked.renames_since("HEAD")) == (["x.py"], None, {})
     assert walked.hashes(["x.py"]) == {"x.py": file_hash(plain / "x.py")}
     assert find_root(plain) == plain.resolve() and state_dir(plain) == plain / ".ostrel-wiki"
-    for where, branch, message in [(plain, "dev", "not a git work tree"), (plain / "x.py", None, "is not a directory"),
-                                   (repo, "nope", "no branch 'nope'")]:  # fmt: skip
+    for where, branch, message in [(plain, "dev", "not a git work tree"), (repo, "nope", "no branch 'nope'"),
+                                   (plain / "x.py", None, "is not a directory")]:  # fmt: skip
         with pytest.raises(RepoError, match=message):
             snapshot(where, branch)
     (plain / ".git").mkdir()
