@@ -109,7 +109,9 @@ def test_titles_and_architecture() -> None:
     assert titles == ["top level", "a/migrations", "b/migrations", "c/z/migrations",
                       "d/z/migrations", "util"]  # fmt: skip
     assert "architecture" not in by_id(plan_pages(["a/x.py", "b/y.py"]))
-    assert "architecture" in by_id(plan_pages(["a/x.py", "b/y.py", "c/z.py"]))
+    # Importance by share of the largest directory: two thirds is high, one third medium.
+    three = by_id(plan_pages(["a/1.py", "a/2.py", "a/3.py", "b/1.py", "b/2.py", "c/1.py"]))
+    assert "architecture" in three and [three[f"module-{d}"].importance for d in "bc"] == ["high", "medium"]
     assert plan_pages([]) == plan_pages(["README.md"])
     assert len(by_id(plan_pages([*(f"lib/f{i:02d}.go" for i in range(LIMIT + 1))]))["module-lib"].children) == 2
 
