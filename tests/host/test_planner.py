@@ -102,7 +102,7 @@ def test_page_ids_are_safe_and_distinct(paths: list[str], expected: list[str]) -
     assert all(not planner._RESERVED_RE.match(pid) for pid in expected)
 
 
-def test_titles_and_architecture() -> None:
+def test_titles_architecture_and_importance() -> None:
     paths = ["a/migrations/x.py", "b/migrations/x.py", "c/z/migrations/x.py",
              "d/z/migrations/x.py", "util/x.py", "top.py"]  # fmt: skip
     titles = [p.title for p in plan_pages(paths) if p.page_id.startswith("module-")]
