@@ -269,7 +269,7 @@ def test_damaged_store_gets_one_line_then_doctor_repairs(repo: Path, damage: Any
     store = repo / STORE
     damage(store)
     before = snapshot(repo.parent)
-    for args in (["plan"], ["status"], ["save", "module-core", str(repo / "README.md")]):
+    for args in (["plan"], ["status"]):
         done = run(repo, *args, code=1)
         one_error_line(done, fragment)
         assert str(store) in done.stderr
