@@ -7,7 +7,6 @@ from __future__ import annotations
 
 import os
 import shutil
-import subprocess
 from collections.abc import Callable
 from pathlib import Path
 from typing import Any
@@ -19,28 +18,7 @@ from malde_ostrel.workers.wiki.repo_facts import _text_hash
 from malde_ostrel.workers.wiki.reports import WikiError
 from malde_ostrel.workers.wiki.wiki import Wiki
 
-ENV = {
-    "GIT_AUTHOR_NAME": "T", "GIT_AUTHOR_EMAIL": "t@example.invalid",
-    "GIT_COMMITTER_NAME": "T", "GIT_COMMITTER_EMAIL": "t@example.invalid",
-    "GIT_CONFIG_GLOBAL": os.devnull, "GIT_CONFIG_NOSYSTEM": "1", "PATH": os.environ["PATH"],
-}  # fmt: skip
-
-
-def git(repo: Path, *args: str) -> None:
-    subprocess.run(["git", *args], cwd=repo, env=ENV, check=True, capture_output=True)
-
-
-def change(repo: Path, add: dict[str, str] = {}, move: dict[str, str] = {}, drop: tuple[str, ...] = ()) -> None:  # noqa: B006
-    for rel, text in add.items():
-        (repo / rel).parent.mkdir(parents=True, exist_ok=True)
-        (repo / rel).write_text(text)
-    for old, new in move.items():
-        (repo / new).parent.mkdir(parents=True, exist_ok=True)
-        git(repo, "mv", old, new)
-    for rel in drop:
-        git(repo, "rm", "-rq", rel)
-    git(repo, "add", "-A")
-    git(repo, "commit", "-qm", "step", "--allow-empty")
+from .gitrepo import change, make_repo
 
 
 def files(d: str, n: int, start: int = 0) -> dict[str, str]:
@@ -49,11 +27,8 @@ def files(d: str, n: int, start: int = 0) -> dict[str, str]:
 
 @pytest.fixture
 def repo(tmp_path: Path) -> Path:
-    root = tmp_path / "repo"
-    root.mkdir()
-    git(root, "init", "-q", "-b", "main", "--template=")
-    change(root, {**files("core", 3), **files("util", 2), **files("big", 10), "README.md": "hi\n"})
-    return root
+    return make_repo(tmp_path / "repo", {**files("core", 3), **files("util", 2), **files("big", 10),
+                                         "README.md": "hi\n"})
 
 
 class Texts:
@@ -75,14 +50,13 @@ class Texts:
         planned = {p.page_id for p in self.wiki.status().pages} | set(self.rows())
         bodies = {p: (self.wiki.pages_dir / f"{p}.md").read_text() for p in planned
                   if (self.wiki.pages_dir / f"{p}.md").exists()}
-        kept = " ".join(e.title + str(e.id) for e in self.wiki.archive() if e.carried_to is None)
         with store.Database.open(self.wiki.store) as db:
             archived = {r[0]: r[1] for r in db.execute("SELECT body, carried_to FROM archive")}
             assert journal.Journal(db).pending() == 0
         for marker in self.saved:
             where = [p for p, text in bodies.items() if marker in text]
             homeless = [b for b, to in archived.items() if marker in b and to is None]
-            assert where or homeless, (marker, kept)
+            assert where or homeless, marker
         runs, bad = self.wiki.log(10_000).runs, self.wiki.log(1).skipped_lines
         assert not bad
         ids = [run["run"] for run in runs]
@@ -122,10 +96,13 @@ def test_texts_follow_their_files_through_a_history(repo: Path) -> None:
     texts.check()
 
     # The big directory splits into a family: the old page is its parent, to write.
-    change(repo, files("big", 4, 10))
+    change(repo, {**files("big", 4, 10), "core/f09.py": "x = 9\n"})
     report = wiki.plan()
     pages = {p.page_id: p for p in report.pages}
     assert pages["module-big"].children and pages["module-big"].to_write
+    states = [pages[p].state for p in ("module-big", "module-core", "module-util")]
+    assert states == ["changed", "changed", "kept"]
+    assert "core/f09.py" in texts.rows()["module-core"]["source_files"]  # a joining file is of record
     for part in pages["module-big"].children:
         texts.save(part)
     texts.check()
@@ -160,9 +137,7 @@ def test_texts_follow_their_files_through_a_history(repo: Path) -> None:
     assert wiki.plan().amendments == [] and len(wiki.log(10_000).runs) == before
 
 
-WRITES: list[tuple[Any, str]] = [
-    (store.Database, "execute"), (journal, "_perform"), (journal, "temp_beside"),
-]
+WRITES: list[tuple[Any, str]] = [(store.Database, "execute"), (journal, "_perform"), (journal, "temp_beside")]
 
 
 def fault_at(mp: pytest.MonkeyPatch, n: int, fail: Callable[[], None]) -> None:

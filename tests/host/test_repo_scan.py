@@ -3,7 +3,6 @@
 from __future__ import annotations
 
 import os
-import subprocess
 from pathlib import Path
 
 import pytest
@@ -12,20 +11,7 @@ from malde_ostrel.workers.wiki import planner
 from malde_ostrel.workers.wiki.repo_facts import file_hash
 from malde_ostrel.workers.wiki.repo_scan import RepoError, find_root, snapshot, state_dir
 
-
-def git(repo: Path, *args: str, input: str | None = None) -> str:
-    done = subprocess.run(
-        ["git", "-c", "user.name=t", "-c", "user.email=t@t", "-c", "init.defaultBranch=main",
-         *args],
-        cwd=repo, capture_output=True, text=True, check=True, input=input,
-    )  # fmt: skip
-    return done.stdout.strip()
-
-
-def write(repo: Path, files: dict[str, str]) -> None:
-    for name, text in files.items():
-        (repo / name).parent.mkdir(parents=True, exist_ok=True)
-        (repo / name).write_text(text, encoding="utf-8")
+from .gitrepo import change, git, make_repo, write
 
 
 @pytest.fixture
@@ -34,28 +20,23 @@ def repo(tmp_path: Path) -> Path:
     side renames old.py and adds side.py."""
     root = tmp_path / "repo"
     root.mkdir()
-    git(root, "init", "-q")
-    write(root, {"a.py": "a\n", "src/b.py": "b\n", "src/c.py": "c\n", "old.py": "o\n" * 50})
     os.symlink("src/b.py", root / "link.py")
-    git(root, "add", ".")
-    git(root, "commit", "-qm", "one")
+    make_repo(root, {"a.py": "a\n", "src/b.py": "b\n", "src/c.py": "c\n", "old.py": "o\n" * 50})
     git(root, "checkout", "-qb", "side")
-    git(root, "mv", "old.py", "new.py")
-    write(root, {"side.py": "s\n"})
-    git(root, "add", ".")
-    git(root, "commit", "-qm", "two")
+    change(root, {"side.py": "s\n"}, move={"old.py": "new.py"})
     git(root, "checkout", "-q", "main")
     return root
 
 
-def test_work_tree_snapshot_sees_uncommitted_changes(repo: Path) -> None:
+def test_work_tree_snapshot_sees_uncommitted_changes_and_renames(repo: Path) -> None:
+    first = git(repo, "rev-parse", "HEAD")
     write(repo, {"a.py": "changed\n", "untracked.py": "u\n", "added.py": "n\n"})
     git(repo, "add", "added.py")
+    git(repo, "mv", "old.py", "moved.py")
     (repo / "src" / "c.py").unlink()
     snap = snapshot(repo / "src")
-    assert (snap.root, snap.branch, snap.checked_out) == (repo, "main", True)
-    assert snap.commit == git(repo, "rev-parse", "HEAD")
-    assert snap.paths == ["a.py", "added.py", "link.py", "old.py", "src/b.py"]
+    assert (snap.root, snap.branch, snap.checked_out, snap.commit) == (repo, "main", True, first)
+    assert snap.paths == ["a.py", "added.py", "link.py", "moved.py", "src/b.py"]
     asked = [*snap.paths, "./src/b.py", "untracked.py", "src/c.py", "src", "../x", "."]
     hashes = snap.hashes(asked)
     assert list(hashes) == asked
@@ -65,69 +46,37 @@ def test_work_tree_snapshot_sees_uncommitted_changes(repo: Path) -> None:
     assert hashes["./src/b.py"] == hashes["src/b.py"]
     assert [hashes[p] for p in ["src/c.py", "src", "../x", "."]] == [None] * 4
     assert snap.read_text("a.py") == "changed\n" and snap.read_text("src/c.py") is None
+    assert snap.renames_since(first) == {"old.py": "moved.py"}
+    assert snap.renames_since("0" * 40) == snap.renames_since("--cached") == {}
 
 
 def test_other_branch_is_read_from_its_commit(repo: Path) -> None:
     write(repo, {"side.py": "not the committed text\n"})
     snap = snapshot(repo, "side")
-    assert (snap.branch, snap.checked_out) == ("side", False)
-    assert snap.commit == git(repo, "rev-parse", "side")
+    assert (snap.branch, snap.checked_out, snap.commit) == ("side", False, git(repo, "rev-parse", "side"))
     assert snap.paths == ["a.py", "link.py", "new.py", "side.py", "src/b.py", "src/c.py"]
     assert snap.read_text("side.py") == "s\n" and snap.read_text("old.py") is None
     assert snap.read_text("link.py") == "b\n"
-    hashes = snap.hashes(["side.py", "link.py", "old.py", "src"])
-    assert hashes == {
+    assert snap.hashes(["side.py", "link.py", "old.py", "src"]) == {
         "side.py": git(repo, "rev-parse", "side:side.py"),
-        "link.py": git(repo, "rev-parse", "side:src/b.py"),
-        "old.py": None,
-        "src": None,
-    }
-    main = git(repo, "rev-parse", "main")
-    assert snap.renames_since(main) == {"old.py": "new.py"}
+        "link.py": git(repo, "rev-parse", "side:src/b.py"), "old.py": None, "src": None}
+    assert snap.renames_since(git(repo, "rev-parse", "main")) == {"old.py": "new.py"}
     snap.close()
 
 
-def test_renames_in_the_work_tree_and_unknown_commits(repo: Path) -> None:
-    first = git(repo, "rev-parse", "HEAD")
-    git(repo, "mv", "old.py", "moved.py")
-    os.rename(repo / "src" / "c.py", repo / "untracked.py")
-    snap = snapshot(repo)
-    assert snap.renames_since(first) == {"old.py": "moved.py"}
-    assert snap.renames_since("0" * 40) == snap.renames_since("--cached") == {}
-
-
-def test_progress_reaches_the_total(repo: Path) -> None:
-    write(repo, {f"n{i}.py": str(i) for i in range(3)})
-    seen: list[tuple[int, int]] = []
-    snap = snapshot(repo)
-    snap.hashes(["a.py", "n0.py", "n1.py", "n2.py"], lambda d, t: seen.append((d, t)))
-    # One id comes from the index; the first read takes the live link along.
-    assert seen[0] == (1, 5) and seen[-1] == (5, 5)
-    write(repo, {"n0.py": "changed"})  # the snapshot is one moment: nothing read again
-    assert snap.hashes(["n0.py"], lambda d, t: seen.append((d, t))) == {
-        "n0.py": git(repo, "hash-object", "--stdin", input="0")}
-    assert seen[-1] == (1, 1)
-
-
-def test_refusals_are_one_line(repo: Path, tmp_path: Path) -> None:
-    with pytest.raises(RepoError, match="no branch 'nope'"):
-        snapshot(repo, "nope")
-    assert snapshot(repo, "main").checked_out is True
+def test_plain_directories_and_refusals(repo: Path, tmp_path: Path) -> None:
     git(repo, "checkout", "-q", "--detach")
-    with pytest.raises(RepoError, match="HEAD is detached; name the branch with --branch"):
-        snapshot(repo)
     assert snapshot(repo, "main").checked_out is False
     plain = tmp_path / "plain"
     write(plain, {"x.py": "x", ".hidden/y.py": "y", "node_modules/z.js": "z"})
-    with pytest.raises(RepoError, match="not a git work tree"):
-        snapshot(plain, "dev")
     walked = snapshot(plain, "main")
-    assert (walked.paths, walked.commit) == (["x.py"], None)
+    assert (walked.paths, walked.commit, walked.renames_since("HEAD")) == (["x.py"], None, {})
     assert walked.hashes(["x.py"]) == {"x.py": file_hash(plain / "x.py")}
-    assert walked.renames_since("HEAD") == {}
     assert find_root(plain) == plain.resolve() and state_dir(plain) == plain / ".ostrel-wiki"
-    with pytest.raises(RepoError, match="is not a directory"):
-        snapshot(plain / "x.py")
+    for where, branch, message in [(plain, "dev", "not a git work tree"), (repo, "nope", "no branch 'nope'"),
+                                   (plain / "x.py", None, "is not a directory")]:  # fmt: skip
+        with pytest.raises(RepoError, match=message):
+            snapshot(where, branch)
     (plain / ".git").mkdir()
     with pytest.raises(RepoError, match="git cannot read"):
         snapshot(plain)

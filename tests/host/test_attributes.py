@@ -15,9 +15,8 @@ PATHS = ["top.py", "sp ace.py", "vendor/a.py", "vendor/keep.py", "vendor/sub/b.p
     [
         ("vendor/** linguist-vendored", "", {"vendor/a.py", "vendor/keep.py", "vendor/sub/b.py"}),
         ("vendor/* linguist-vendored", "", {"vendor/a.py", "vendor/keep.py"}),
-        ("vendor/ linguist-vendored", "", set()),  # names directories only
+        ("vendor/ linguist-vendored", "", set()), ("/top.py linguist-generated", "", {"top.py"}),
         ("*.pb.go linguist-generated", "", {"src/gen.pb.go", "src/deep/x.pb.go"}),
-        ("/top.py linguist-generated", "", {"top.py"}),
         ("top.py linguist-generated=true", "", {"top.py", "src/top.py"}),
         ('"sp\\040ace.py"\tlinguist-vendored', "", {"sp ace.py"}),
         # The last matching line decides; unset, false and unspecified all unmark.
@@ -37,7 +36,4 @@ def test_marks_follow_git_pattern_rules(root: str, nested: str, marked: set[str]
     texts = {".gitattributes": root, "src/.gitattributes": nested}
     test = marked_paths([*PATHS, *texts], texts.get)
     assert {path for path in PATHS if test is not None and test(path)} == marked
-
-
-def test_no_attributes_file_means_no_test() -> None:
-    assert marked_paths(PATHS, lambda path: None) is None
+    assert marked_paths(PATHS, lambda path: None) is None  # no attributes file, no test
