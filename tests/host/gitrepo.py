@@ -25,8 +25,9 @@ def write(root: Path, files: dict[str, str]) -> None:
         (root / rel).write_text(text, encoding="utf-8")
 
 
-def change(repo: Path, add: dict[str, str] | None = None, move: dict[str, str] | None = None,
-           drop: tuple[str, ...] = ()) -> None:
+def change(
+    repo: Path, add: dict[str, str] | None = None, move: dict[str, str] | None = None, drop: tuple[str, ...] = ()
+) -> None:
     """Write, move and remove files, then commit everything."""
     write(repo, add or {})
     for old, new in (move or {}).items():

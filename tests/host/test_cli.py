@@ -20,12 +20,15 @@ from .gitrepo import ENV, change, git, make_repo, write
 STATE = Path(".git/ostrel-wiki")
 STORE = STATE / "store.sqlite3"
 WIKI = STATE / "wiki/trunk"
-BODY = ("# Core\n\nOverview of the core, see [[core/a.py:1]].\n\n## Loading\n\nValues come from "
-        "[[core/a.py:1-2|load]].\n\n## Saving\n\nWritten by [[core/b.py:1]].\n")
+BODY = (
+    "# Core\n\nOverview of the core, see [[core/a.py:1]].\n\n## Loading\n\nValues come from "
+    "[[core/a.py:1-2|load]].\n\n## Saving\n\nWritten by [[core/b.py:1]].\n"
+)
 
 
-def run(repo: Path, *args: str, code: int = 0, env: dict[str, str] | None = None,
-        cwd: Path | None = None) -> subprocess.CompletedProcess[str]:
+def run(
+    repo: Path, *args: str, code: int = 0, env: dict[str, str] | None = None, cwd: Path | None = None
+) -> subprocess.CompletedProcess[str]:
     where = [] if cwd else ["--repo", str(repo)]
     done = subprocess.run([sys.executable, "-P", "-m", "malde_ostrel.workers.wiki", *where, *args],
                           cwd=cwd or repo.parent, env=env or ENV, capture_output=True, text=True,
@@ -85,8 +88,11 @@ def test_large_churn_warns_of_drift_and_the_store_can_live_elsewhere(repo: Path,
     env = ENV | {"OSTREL_WIKI_STORE": str(store)}
     run(repo, "plan", env=env)
     assert store.is_file() and not (repo / STORE).exists()
-    change(repo, {f"{d}/m{i}.py": py(1) for d in ("alpha", "beta", "gamma") for i in range(2)},
-           drop=("core", "net", "util"))
+    change(
+        repo,
+        {f"{d}/m{i}.py": py(1) for d in ("alpha", "beta", "gamma") for i in range(2)},
+        drop=("core", "net", "util"),
+    )
     done = run(repo, "plan", env=env)
     warnings = [line for line in done.stderr.splitlines() if "warning" in line]
     assert len(warnings) == 1 and "`ostrel-wiki --replan`" in warnings[0]
@@ -139,8 +145,13 @@ def test_saved_page_shows_its_stale_section_after_an_edit(repo: Path, body: Path
 
 
 def test_steering_pages_and_text(repo: Path, body: Path) -> None:
-    change(repo, {".ostrel-wiki.toml": 'steering = "Be brief."\n[[page]]\ntitle = "Docs & Notes"\n'
-                  'files = ["*.md"]\n[[page]]\ntitle = "docs notes"\nfiles = "main.py"\n'})
+    change(
+        repo,
+        {
+            ".ostrel-wiki.toml": 'steering = "Be brief."\n[[page]]\ntitle = "Docs & Notes"\n'
+            'files = ["*.md"]\n[[page]]\ntitle = "docs notes"\nfiles = "main.py"\n'
+        },
+    )
     first = pages(plan(repo))
     assert first["custom-docs-notes"]["source_files"] == ["README.md"]
     assert first["custom-docs-notes-2"]["source_files"] == ["main.py"]
@@ -209,8 +220,14 @@ def test_works_from_a_subdirectory_and_keeps_out_of_the_work_tree(repo: Path) ->
     assert (repo / STORE).is_file() and not (sub / ".ostrel-wiki").exists()
     assert git(repo, "status", "--porcelain") == ""
     # A closed output pipe ends the run quietly.
-    done = subprocess.run(f"{sys.executable} -P -m malde_ostrel.workers.wiki plan | head -c 10",
-                          shell=True, cwd=sub, env=ENV, capture_output=True, text=True)
+    done = subprocess.run(
+        f"{sys.executable} -P -m malde_ostrel.workers.wiki plan | head -c 10",
+        shell=True,
+        cwd=sub,
+        env=ENV,
+        capture_output=True,
+        text=True,
+    )
     assert done.stderr == "" and len(done.stdout) == 10
     empty = repo.parent / "empty.md"
     empty.write_text("\n")
@@ -239,6 +256,7 @@ def sql(*statements: str) -> Callable[[Path], None]:
         for statement in (*statements, "PRAGMA wal_checkpoint(TRUNCATE)"):
             conn.execute(statement)
         conn.close()
+
     return damage
 
 

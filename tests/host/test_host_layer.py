@@ -30,14 +30,18 @@ def test_chosen_titles_follow_their_files_unless_ambiguous() -> None:
         "plain": {"agent_title": "", "source_files": ["p.c"]},
         "renamed": {"agent_title": "Loader", "source_files": ["b.c", "a.c"]},
         # Two stored pages with the same files: no title is taken.
-        "x": {"agent_title": "X", "source_files": ["z.c"]}, "y": {"agent_title": "Y", "source_files": ["z.c"]}}
+        "x": {"agent_title": "X", "source_files": ["z.c"]},
+        "y": {"agent_title": "Y", "source_files": ["z.c"]},
+    }
     plans = [plan("same"), plan("plain"), plan("fresh", "a.c", "b.c"), plan("other", "a.c"), plan("z", "z.c")]
     keep_agent_titles(plans, existing)
     assert [p.title for p in plans] == ["Chosen", "T", "Loader", "T", "T"]
 
 
-@pytest.mark.parametrize(("raw", "norm"), [("./src/a.c", "src/a.c"), ("src\\w\\b.c", "src/w/b.c"),
-                                           ("/abs//x/../y.c", "abs/y.c"), ("", "."), ("//", ".")])
+@pytest.mark.parametrize(
+    ("raw", "norm"),
+    [("./src/a.c", "src/a.c"), ("src\\w\\b.c", "src/w/b.c"), ("/abs//x/../y.c", "abs/y.c"), ("", "."), ("//", ".")],
+)
 def test_norm(raw: str, norm: str) -> None:
     assert _norm(raw) == norm
 
@@ -53,10 +57,23 @@ def test_citation_forms_in_text_order() -> None:
     assert prose_citations(text) == [
         {"path": "src/load.c", "line_start": 10, "line_end": 20, "symbol": "load_all"},
         {"path": "x.py", "line_start": 7, "line_end": 7},
-        {"path": "C:/w/y.c", "line_start": 5, "line_end": 5, "symbol": "ns::f"}]
+        {"path": "C:/w/y.c", "line_start": 5, "line_end": 5, "symbol": "ns::f"},
+    ]
 
 
-@pytest.mark.parametrize("text", ["[[a b.c:1]]", "[[a.c]]", "[[a.c:x]]", "[[a.c:1-]]", "[a.c:1]",
-                                  "[[a.c:١٢]]", "[[a.c:1|]]", "[[a.c:1|x|y]]", "[[:1]]"])
+@pytest.mark.parametrize(
+    "text",
+    [
+        "[[a b.c:1]]",
+        "[[a.c]]",
+        "[[a.c:x]]",
+        "[[a.c:1-]]",
+        "[a.c:1]",
+        "[[a.c:١٢]]",
+        "[[a.c:1|]]",
+        "[[a.c:1|x|y]]",
+        "[[:1]]",
+    ],
+)
 def test_malformed_citations_are_ignored(text: str) -> None:
     assert prose_citations(text) == []

@@ -18,6 +18,7 @@ from malde_ostrel.workers.wiki.repo_facts import _text_hash, file_hash
 from malde_ostrel.workers.wiki.store import SCHEMA_VERSION, Database, Repository, StoreError
 from malde_ostrel.workers.wiki.types import PagePlan
 
+
 @pytest.fixture
 def db(tmp_path: Path) -> Iterator[Database]:
     with Database.open(tmp_path / "state" / "wiki.db") as database:
@@ -27,8 +28,10 @@ def db(tmp_path: Path) -> Iterator[Database]:
 def test_schema_created_reopened_and_newer_or_foreign_refused(tmp_path: Path) -> None:
     path = tmp_path / "a" / "b" / "wiki.db"
     with Database.open(path) as db:
-        pragmas = [db.execute(f"PRAGMA {name}").fetchone()[0]
-                   for name in ("user_version", "journal_mode", "foreign_keys", "busy_timeout")]
+        pragmas = [
+            db.execute(f"PRAGMA {name}").fetchone()[0]
+            for name in ("user_version", "journal_mode", "foreign_keys", "busy_timeout")
+        ]
         assert pragmas == [SCHEMA_VERSION, "wal", 1, 5000]
         Repository(db).upsert_wiki_page("main", "p", "P")
     with Database.open(str(path)) as db:
@@ -50,14 +53,24 @@ def test_rows_round_trip_with_defaults_order_and_branches(db: Database) -> None:
     repo = Repository(db)
     cache = {"sections": [{"heading": "A", "files": ["a.c"]}], "file_hashes": {"a.c": None}}
     for pid in ("b", "a", "B"):
-        repo.upsert_wiki_page("main", pid, pid.upper(), source_files=["x/é.c"],
-                              source_hashes={"x/é.c": "1f", "gone.c": None},
-                              related_pages=["c"], build_cache=cache)
+        repo.upsert_wiki_page(
+            "main",
+            pid,
+            pid.upper(),
+            source_files=["x/é.c"],
+            source_hashes={"x/é.c": "1f", "gone.c": None},
+            related_pages=["c"],
+            build_cache=cache,
+        )
     repo.upsert_wiki_page("dev", "a", "other branch")
     rows = repo.rows("main")
     assert list(rows) == ["B", "a", "b"] and rows["a"] == repo.row("main", "a")
     assert [rows["a"][k] for k in ("source_files", "source_hashes", "related_pages", "build_cache")] == [
-        ["x/é.c"], {"x/é.c": "1f", "gone.c": None}, [], cache]
+        ["x/é.c"],
+        {"x/é.c": "1f", "gone.c": None},
+        [],
+        cache,
+    ]
     assert (rows["a"]["status"], repo.row("main", "zz"), repo.branches()) == ("stale", None, ["dev", "main"])
     repo.delete_wiki_page("main", "a")
     assert list(repo.rows("main")) == ["B", "b"] and list(repo.rows("dev")) == ["a"]
@@ -131,8 +144,7 @@ def test_save_page_then_stale_checks(impl: ModuleType, repo_root: Path, db: Data
     row = gen.save_page(plan, body)
     assert (gen.pages_dir / "module-src.md").read_text(encoding="utf-8") == body
     assert row == gen._existing["module-src"] == Repository(db).row("main", "module-src")
-    assert (row["status"], row["content_hash"], row["rel_path"]) == \
-        ("fresh", _text_hash(body), "pages/module-src.md")
+    assert (row["status"], row["content_hash"], row["rel_path"]) == ("fresh", _text_hash(body), "pages/module-src.md")
     assert row["source_hashes"] == gen._hashes_with_steering(plan.source_files)
     a_hash, b_hash = file_hash(repo_root / "src/a.c"), file_hash(repo_root / "src/b.c")
     assert row["build_cache"]["file_hashes"] == {"gone.c": None, "src/a.c": a_hash, "src/b.c": b_hash}

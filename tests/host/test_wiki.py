@@ -27,8 +27,9 @@ def files(d: str, n: int, start: int = 0) -> dict[str, str]:
 
 @pytest.fixture
 def repo(tmp_path: Path) -> Path:
-    return make_repo(tmp_path / "repo", {**files("core", 3), **files("util", 2), **files("big", 10),
-                                         "README.md": "hi\n"})
+    return make_repo(
+        tmp_path / "repo", {**files("core", 3), **files("util", 2), **files("big", 10), "README.md": "hi\n"}
+    )
 
 
 class Texts:
@@ -48,8 +49,11 @@ class Texts:
     def check(self) -> None:
         # Pages of the plan, and of record (a save does not apply the plan).
         planned = {p.page_id for p in self.wiki.status().pages} | set(self.rows())
-        bodies = {p: (self.wiki.pages_dir / f"{p}.md").read_text() for p in planned
-                  if (self.wiki.pages_dir / f"{p}.md").exists()}
+        bodies = {
+            p: (self.wiki.pages_dir / f"{p}.md").read_text()
+            for p in planned
+            if (self.wiki.pages_dir / f"{p}.md").exists()
+        }
         with store.Database.open(self.wiki.store) as db:
             archived = {r[0]: r[1] for r in db.execute("SELECT body, carried_to FROM archive")}
             assert journal.Journal(db).pending() == 0
@@ -89,8 +93,7 @@ def test_texts_follow_their_files_through_a_history(repo: Path) -> None:
     # A rename and a directory move: same pages, same texts, still fresh.
     change(repo, move={"core/f01.py": "core/renamed.py", "util": "lib/util"})
     report = wiki.plan()
-    assert {a["page_id"] for a in report.amendments if a["action"] == "rename"} == {
-        "module-core", "module-util"}
+    assert {a["page_id"] for a in report.amendments if a["action"] == "rename"} == {"module-core", "module-util"}
     assert not {"module-core", "module-util"} & set(wiki.status().to_write)
     assert wiki.show("module-util").source_files == ["lib/util/f00.py", "lib/util/f01.py"]
     texts.check()
@@ -120,7 +123,8 @@ def test_texts_follow_their_files_through_a_history(repo: Path) -> None:
     change(repo, drop=("lib",))
     report = wiki.plan()
     assert [(a["action"], a["page_id"]) for a in report.amendments if a["action"] != "retire"] == [
-        ("archive", "module-util")]
+        ("archive", "module-util")
+    ]
     texts.check()
     entry = next(e for e in wiki.archive() if e.carried_to is None)
     with pytest.raises(WikiError, match="no planned page holds its files"):
@@ -240,4 +244,3 @@ def test_concurrent_runs_serialise(repo: Path) -> None:
     # The body on disk is the one the row records, whichever save came last.
     body = (wiki.pages_dir / "module-core.md").read_text()
     assert Texts(wiki).rows()["module-core"]["content_hash"] == _text_hash(body)
-

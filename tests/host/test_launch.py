@@ -23,7 +23,7 @@ RUN = "from malde_ostrel.workers.wiki._launch import main; raise SystemExit(main
 def test_source_tree_without_native_module(
     tmp_path: Path, flags: list[str], on_path: bool, code: int, out: str, err: str
 ) -> None:
-    shutil.copytree(Path(__file__).resolve().parents[1] / "malde_ostrel", tmp_path / "malde_ostrel",
+    shutil.copytree(Path(__file__).resolve().parents[2] / "malde_ostrel", tmp_path / "malde_ostrel",
                     ignore=shutil.ignore_patterns("*.so", "__pycache__"))  # fmt: skip
     env = {k: v for k, v in os.environ.items() if k != "PYTHONPATH"}
     env.update({"PYTHONPATH": str(tmp_path)} if on_path else {})
