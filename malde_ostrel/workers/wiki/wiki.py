@@ -210,8 +210,9 @@ class Wiki:
             with Database.open(":memory:") as db:
                 yield db
             return
-        check_store_file(self.store)
         with store_lock(self.store) if write else _no_lock():
+            # Under the lock: a first run making the store leaves it empty until it commits.
+            check_store_file(self.store)
             db = Database.open(self.store)
             try:
                 if write:
