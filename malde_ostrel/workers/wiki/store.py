@@ -168,6 +168,11 @@ class Database:
             raise
         return cls(conn, path)
 
+    @property
+    def changes(self) -> int:
+        """Rows written through this connection so far (a counter to compare)."""
+        return self._conn.total_changes
+
     def execute(self, sql: str, params: Sequence[Any] = ()) -> sqlite3.Cursor:
         """Run one statement with ``?`` parameters; outside a transaction it commits at once."""
         return self._conn.execute(sql, params)
@@ -363,7 +368,8 @@ class Repository:
     def set_plan_commit(self, branch: str, commit: str) -> None:
         self.db.execute(
             "INSERT INTO plan_commits (branch, commit_id) VALUES (?, ?) "
-            "ON CONFLICT (branch) DO UPDATE SET commit_id = excluded.commit_id",
+            "ON CONFLICT (branch) DO UPDATE SET commit_id = excluded.commit_id "
+            "WHERE commit_id IS NOT excluded.commit_id",
             (branch, commit),
         )
 

@@ -255,6 +255,7 @@ class Wiki:
         with self._session(write=True) as db:
             repo, journal = Repository(db), Journal(db)
             with db.transaction():
+                unwritten = db.changes
                 gen = self._generator(db, snap, steering)
                 changed, records = renames.follow(gen._existing, self._moves(repo, snap))
                 for page_id, row in changed.items():
@@ -300,8 +301,9 @@ class Wiki:
                         },
                     )
             warnings += _finish(journal)
-            # Only the files and hashes a row records decide which pages to write.
-            gen._existing = repo.rows(self.branch, columns=STALE_INPUTS)
+            if db.changes != unwritten:
+                # Only the files and hashes a row records decide which pages to write.
+                gen._existing = repo.rows(self.branch, columns=STALE_INPUTS)
             # A replan is the cure the drift warning suggests: no warning after one.
             drift = None if first or replan else plan_record.drift_signal(amendments, len(plans))
             if drift:
