@@ -126,8 +126,15 @@ def test_saved_page_shows_its_stale_section_after_an_edit(repo: Path, body: Path
     assert saved["citations"] == 3
     assert [s["heading"] for s in saved["sections"]] == ["", "Loading", "Saving"]
     assert (repo / WIKI / "pages/module-core.md").read_text(encoding="utf-8") == BODY
-    # A family part is saved too; saving it must not unsettle its family.
-    run(repo, "save", "module-big-part-f00", str(body))
+    # A family part is saved too; saving it must not unsettle its family. Its
+    # text cites files it does not cover: warned of, and refused with --strict.
+    refused = run(repo, "save", "module-big-part-f00", str(body), "--strict", code=1).stderr
+    warned = run(repo, "save", "module-big-part-f00", str(body)).stderr
+    assert (
+        refused == warned + "ostrel-wiki: error: module-big-part-f00 was not saved: 2 citation problem(s); "
+        "fix them, or save without --strict\n"
+    )
+    assert "module-big-part-f00: cites core/b.py, which this page does not cover" in warned
     status = json.loads(run(repo, "status", "--json").stdout)
     assert "module-core" not in status["to_write"] and pages(status)["module-core"]["written"]
 
@@ -142,6 +149,7 @@ def test_saved_page_shows_its_stale_section_after_an_edit(repo: Path, body: Path
     assert again["amendments"] == [] and "module-big" in pages(again)
     states = {p["page_id"]: (p["state"], p["to_write"]) for p in again["pages"]}
     assert (states["module-core"], states["module-big-part-f00"]) == (("kept", True), ("kept", False))
+    assert "module-core" in run(repo, "history", "module-core").stdout
 
 
 def test_steering_pages_and_text(repo: Path, body: Path) -> None:
