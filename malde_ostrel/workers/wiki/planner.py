@@ -102,22 +102,14 @@ class Derived:
     live: set[str]
     # The paths considered, after exclusions.
     paths: list[str]
+    # The steering file it was planned with.
+    steering: Steering
 
 
 def _suffix(name: str) -> str:
     """The extension of a file name, lower-cased ("" for none or a dot file)."""
     dot = name.rfind(".")
     return name[dot:].lower() if dot > 0 else ""
-
-
-def is_source(path: str) -> bool:
-    """True for a path whose extension marks a source file."""
-    return _suffix(path.rpartition("/")[2]) in SOURCE_EXTENSIONS
-
-
-def source_paths(paths: Iterable[str]) -> set[str]:
-    """The source files among ``paths``: what the code-unit pages document."""
-    return {path for path in paths if is_source(path)}
 
 
 def _by_directory(
@@ -451,4 +443,4 @@ def derive(snapshot: Snapshot, *, exclude: Iterable[str] = ()) -> Derived:
 
     paths, by_dir = _by_directory(paths, prefixes, exact, drop if globs or marked else None)
     live = {path for files in by_dir.values() for path in files}
-    return Derived(_plan(paths, by_dir, steering), live, paths)
+    return Derived(_plan(paths, by_dir, steering), live, paths, steering)

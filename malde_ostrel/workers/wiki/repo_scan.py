@@ -372,31 +372,3 @@ def _walked_paths(repo: Path) -> list[str]:
                 found.append(prefix + name)
     found.sort()
     return found
-
-
-# ---------------------------------------------------------------- older entry points
-
-
-def is_git_work_tree(repo: Path) -> bool:
-    """True when ``repo`` lies inside a git work tree and git can be run."""
-    return git_io.text(repo, "rev-parse", "--is-inside-work-tree") == "true"
-
-
-def live_paths(repo: Path) -> list[str]:
-    """The live file paths under ``repo``, sorted, relative to ``repo``."""
-    if not is_git_work_tree(repo):
-        return _walked_paths(repo)
-    status, out = git_io.run(repo, "ls-files", "-z")
-    if status != 0:
-        return _walked_paths(repo)
-    # Tracked files deleted from the work tree (and submodule entries, which
-    # are directories) are not live.
-    return sorted({p for p in git_io.records(out) if p and (repo / p).is_file()})
-
-
-def current_branch(repo: Path) -> str:
-    """The checked-out branch; ``DEFAULT_BRANCH`` for a plain directory or a detached head."""
-    if not is_git_work_tree(repo):
-        return DEFAULT_BRANCH
-    name = git_io.text(repo, "symbolic-ref", "--short", "-q", "HEAD")
-    return name or DEFAULT_BRANCH

@@ -199,7 +199,7 @@ class Wiki:
 
     def _derive(self, snap: repo_scan.Snapshot) -> tuple[planner.Derived, planner.Steering]:
         derived = planner.derive(snap, exclude=self._own_output())
-        return derived, planner.read_steering(snap)
+        return derived, derived.steering
 
     @contextmanager
     def _session(self, *, write: bool) -> Iterator[Database]:
