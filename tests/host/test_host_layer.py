@@ -1,5 +1,5 @@
 """Small host helpers with boundaries of their own: a leaving family's files,
-kept titles, path forms, file hashes and citations."""
+kept titles, topics, path forms, file hashes and citations."""
 
 from __future__ import annotations
 
@@ -9,6 +9,7 @@ from typing import Any
 import pytest
 
 from malde_ostrel.workers.wiki.carry import page_files
+from malde_ostrel.workers.wiki.page_sources import unit_topic
 from malde_ostrel.workers.wiki.page_title import keep_agent_titles
 from malde_ostrel.workers.wiki.repo_facts import _norm, file_hash
 from malde_ostrel.workers.wiki.types import PagePlan
@@ -36,6 +37,22 @@ def test_chosen_titles_follow_their_files_unless_ambiguous() -> None:
     plans = [plan("same"), plan("plain"), plan("fresh", "a.c", "b.c"), plan("other", "a.c"), plan("z", "z.c")]
     keep_agent_titles(plans, existing)
     assert [p.title for p in plans] == ["Chosen", "T", "Loader", "T", "T"]
+
+
+@pytest.mark.parametrize(
+    ("files", "dirs"),
+    [
+        (["a/b/x.c", "a/b/y.c"], "a/b"),
+        (["a/x.c", "a/b/y.c"], "a a/b"),  # one path a level deeper
+        (["a/x.c", "b/a/y.c"], "a b/a"),
+        (["a/b.c", "x\0a/c.c"], "a x\0a"),  # a NUL inside a path
+        (["x.c", "a/y.c"], ". a"),
+        (["/x.c", "./y.c"], "."),
+        ([], ""),
+    ],
+)
+def test_topic_is_title_and_distinct_directories(files: list[str], dirs: str) -> None:
+    assert unit_topic("Core IO", files) == " ".join(["core io", *dirs.split()])
 
 
 @pytest.mark.parametrize(

@@ -27,11 +27,11 @@ _CITATION_RE = re.compile(
 def prose_citations(text: str) -> list[dict[str, Any]]:
     """The citations of ``text``, in text order."""
     found: list[dict[str, Any]] = []
-    for match in _CITATION_RE.finditer(text):
-        start = int(match["start"])
-        end = int(match["end"]) if match["end"] is not None else start
-        citation: dict[str, Any] = {"path": match["path"], "line_start": start, "line_end": end}
-        if match["symbol"] is not None:
-            citation["symbol"] = match["symbol"]
+    # An absent group is "" here: no group of the pattern matches the empty text.
+    for path, start, end, symbol in _CITATION_RE.findall(text):
+        first = int(start)
+        citation: dict[str, Any] = {"path": path, "line_start": first, "line_end": int(end) if end else first}
+        if symbol:
+            citation["symbol"] = symbol
         found.append(citation)
     return found
