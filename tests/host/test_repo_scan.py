@@ -4,6 +4,7 @@ from __future__ import annotations
 
 import os
 from pathlib import Path
+from types import SimpleNamespace
 
 import pytest
 
@@ -102,6 +103,22 @@ def test_derive_leaves_out_own_output_and_excluded_globs(repo: Path) -> None:
                              "src/.gitattributes", "src/b.py", "src/c.py"]  # fmt: skip
     assert derived.live == {"a.py", "link.py", "src/b.py", "src/c.py"}
     assert derived.fresh == planner.plan_pages(derived.paths, planner.read_steering(repo))
+
+
+def test_a_kept_plan_is_the_derived_one_until_an_input_changes(repo: Path) -> None:
+    kept: dict[str, str] = {}
+    puts: list[str] = []
+    cache = SimpleNamespace(get=kept.get, put=lambda key, value: (puts.append(key), kept.update({key: value})))
+    steer = 'exclude = ["src/{}.py"]\n[[page]]\ntitle = "T"\nfiles = ["*.toml"]\n'.format
+    for files in ({}, {planner.STEERING_FILE: steer("c")}, {planner.STEERING_FILE: steer("b")},
+                  {"src/.gitattributes": "b.py linguist-generated\n"}, {"src/.gitattributes": "c.py -text\n"}):  # fmt: skip
+        write(repo, files)
+        git(repo, "add", ".")
+        snap = snapshot(repo)
+        derived = planner.derive(snap, exclude=["memory/w/"], cache=cache)
+        assert planner.derive(snap, exclude=["memory/w/"], cache=cache) == derived
+        assert derived == planner.derive(snap, exclude=["memory/w/"])
+    assert len(puts) == len(set(puts)) == 5  # each change a new key, each key derived once
 
 
 def test_a_hash_does_not_depend_on_the_route_under_line_end_filters(repo: Path) -> None:

@@ -414,6 +414,39 @@ class Repository:
             self.db.execute("UPDATE archive SET open = 0 WHERE branch = ? AND carried_to = ?", (branch, carried_to))
 
 
+class StoredPlans:
+    """The derived plans of one branch kept in the store, one at a time, under
+    the key of their inputs (see ``plan_cache``).  The table is made by the
+    first write: a store without it holds none, and a release that does not
+    know it leaves it alone.  Read-only users never write."""
+
+    def __init__(self, db: Database, branch: str, *, write: bool) -> None:
+        self.db = db
+        self.branch = branch
+        self.write = write
+
+    def get(self, key: str) -> str | None:
+        known = self.db.execute("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'derived_plans'")
+        if known.fetchone() is None:
+            return None
+        raw = self.db.execute(
+            "SELECT plan FROM derived_plans WHERE branch = ? AND key = ?", (self.branch, key)
+        ).fetchone()
+        return raw[0] if raw is not None and isinstance(raw[0], str) else None
+
+    def put(self, key: str, value: str) -> None:
+        if not self.write:
+            return
+        self.db.execute(
+            "CREATE TABLE IF NOT EXISTS derived_plans (branch TEXT PRIMARY KEY, key TEXT NOT NULL, plan TEXT NOT NULL)"
+        )
+        self.db.execute(
+            "INSERT INTO derived_plans (branch, key, plan) VALUES (?, ?, ?) "
+            "ON CONFLICT (branch) DO UPDATE SET key = excluded.key, plan = excluded.plan",
+            (self.branch, key, value),
+        )
+
+
 STALE_MARK_KEY: Final = "__stale__"
 
 

@@ -51,7 +51,7 @@ from malde_ostrel.workers.wiki.reports import (
     StatusReport,
     WikiError,
 )
-from malde_ostrel.workers.wiki.store import SCHEMA_VERSION, Database, Repository, StoreError
+from malde_ostrel.workers.wiki.store import SCHEMA_VERSION, Database, Repository, StoredPlans, StoreError
 from malde_ostrel.workers.wiki.types import PagePlan
 from malde_ostrel.workers.wiki.verify import prose_citations
 from malde_ostrel.workers.wiki_types import PINNED_LEVELS
@@ -197,8 +197,13 @@ class Wiki:
                 continue  # outside the repository
         return prefixes
 
-    def _derive(self, snap: repo_scan.Snapshot) -> tuple[planner.Derived, planner.Steering]:
-        derived = planner.derive(snap, exclude=self._own_output())
+    def _derive(
+        self, snap: repo_scan.Snapshot, db: Database | None = None, *, write: bool = False
+    ) -> tuple[planner.Derived, planner.Steering]:
+        """The fresh plan; with the store, one kept there from the same inputs
+        (a ``write`` keeps the one derived now)."""
+        cache = None if db is None else StoredPlans(db, self.branch, write=write)
+        derived = planner.derive(snap, exclude=self._own_output(), cache=cache)
         return derived, derived.steering
 
     @contextmanager
@@ -250,9 +255,9 @@ class Wiki:
     def plan(self, *, replan: bool = False) -> PlanReport:
         """Derive, pin and apply the branch's plan; what happened."""
         snap = self._snapshot()
-        derived, steering = self._derive(snap)
         warnings: list[str] = []
         with self._session(write=True) as db:
+            derived, steering = self._derive(snap, db, write=True)
             repo, journal = Repository(db), Journal(db)
             with db.transaction():
                 unwritten = db.changes
@@ -447,8 +452,8 @@ class Wiki:
 
     def status(self) -> StatusReport:
         snap = self._snapshot()
-        derived, steering = self._derive(snap)
         with self._session(write=False) as db:
+            derived, steering = self._derive(snap, db)
             gen = self._generator(db, snap, steering)
             of_record = bool(gen._existing)
             plans = self._pinned(gen, derived, snap)
