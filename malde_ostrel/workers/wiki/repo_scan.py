@@ -302,10 +302,7 @@ def _work_tree(root: Path, branch: str | None) -> Snapshot:
             changed.add(record.split(" ", 10)[-1])
     if branch is None and head == "(detached)":
         raise RepoError("HEAD is detached; name the branch with --branch")
-    entries = _LS_FILES_RE.findall(listing.decode("utf-8", "surrogateescape"))
-    # Every stage of a conflicted file lands on one key; it is among `changed`.
-    known = {path: oid for _mode, oid, path in entries}
-    odd = {path: mode for mode, _oid, path in entries if mode not in _REGULAR}
+    known, odd = _index_entries(listing.decode("utf-8", "surrogateescape"))
     for path in deleted:
         known.pop(path, None)
     for path in changed.union(odd):
@@ -315,6 +312,24 @@ def _work_tree(root: Path, branch: str | None) -> Snapshot:
     for path in changed.union(odd):
         known.pop(path, None)  # live, but git's id is not the content's
     return Snapshot(root, branch or head, commit, True, paths, known, in_git=True, pristine=pristine)
+
+
+def _index_entries(listing: str) -> tuple[dict[str, str], dict[str, str]]:
+    """The object id of each path of a ``git ls-files -s -z`` listing, and
+    the mode of each path that is not a regular file.  Every stage of a
+    conflicted file lands on one key; it is among the changed files."""
+    fields = listing.replace("\t", "\0").split("\0")
+    if len(fields) != 2 * listing.count("\0") + 1:
+        # A path holding a tab: record by record.
+        entries = _LS_FILES_RE.findall(listing)
+        return {path: oid for _mode, oid, path in entries}, {
+            path: mode for mode, _oid, path in entries if mode not in _REGULAR
+        }
+    # "<mode> <id> <stage>": six octal digits, the id, one digit.
+    metas, paths = fields[0:-1:2], fields[1::2]
+    known = dict(zip(paths, [meta[7:-2] for meta in metas], strict=True))
+    odd = {paths[i]: meta[:6] for i, meta in enumerate(metas) if meta[:6] not in _REGULAR}
+    return known, odd
 
 
 def _committed(root: Path, branch: str) -> Snapshot:
