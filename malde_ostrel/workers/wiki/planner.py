@@ -33,7 +33,6 @@ from __future__ import annotations
 
 import dataclasses
 import re
-import tomllib
 from collections.abc import Callable, Iterable
 from pathlib import Path
 from typing import Any, Protocol
@@ -371,6 +370,8 @@ def parse_steering(text: str) -> Steering:
     ``description``; a top-level ``exclude`` lists glob patterns of paths
     the wiki leaves out altogether.
     """
+    import tomllib  # only a repository with a steering file needs it
+
     try:
         data = tomllib.loads(text)
     except tomllib.TOMLDecodeError as exc:

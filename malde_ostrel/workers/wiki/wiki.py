@@ -29,7 +29,7 @@ from functools import partial
 from pathlib import Path
 from typing import Any, Final
 
-from malde_ostrel.workers.wiki import carry, citecheck, doctor, plan_record, planner, renames, repo_scan
+from malde_ostrel.workers.wiki import carry, plan_record, planner, renames, repo_scan
 from malde_ostrel.workers.wiki.auditlog import page_history, read_runs
 from malde_ostrel.workers.wiki.journal import PLAN_LOG_NAME, Journal, new_run_id
 from malde_ostrel.workers.wiki.locking import store_lock
@@ -419,6 +419,8 @@ class Wiki:
                             f"page {page_id} is planned but not yet of record on "
                             f"branch {self.branch}; run `{PROG} plan` first"
                         )
+                    from malde_ostrel.workers.wiki import citecheck
+
                     problems = citecheck.check(body, citecheck.covered(plan, plans, snap.paths), snap)
                     if problems and strict:
                         raise CitationError(page_id, problems)
@@ -565,6 +567,8 @@ class Wiki:
     def doctor(self) -> DoctorReport:
         """Check the store and the branch's log and texts; repair what can be
         repaired, keeping a backup of what it changes."""
+        from malde_ostrel.workers.wiki import doctor
+
         return doctor.doctor(self.store, self.wiki_dir, self.branch)
 
 
