@@ -62,10 +62,16 @@ def fit_table(header: list[str], rows: list[list[str]], width: int | None, *, sh
             cut = min(excess, widths[column] - floor)
             widths[column] -= cut
             excess -= cut
+    cut = [index for index, (w, column) in enumerate(zip(widths, zip(*table), strict=True)) if w < max(map(len, column))]
+    # Each cell left-aligned in its column's width: one format for every line.
+    layout = SEPARATOR.join(f"{{:<{w}}}" if w else "{}" for w in widths)
     lines = []
     for line in table:
-        cells = (_cut(cell, w).ljust(w) for cell, w in zip(line, widths, strict=True))
-        lines.append(SEPARATOR.join(cells).rstrip())
+        if cut:
+            line = list(line)
+            for index in cut:
+                line[index] = _cut(line[index], widths[index])
+        lines.append(layout.format(*line).rstrip())
     return lines
 
 
