@@ -137,10 +137,19 @@ class Snapshot:
         snapshot.  ``progress(done, total)`` is called now and then.
         """
         wanted = list(paths)
+        known = self.known_ids
+        try:
+            # Most often every id is git's: nothing to read.
+            ids: dict[str, str | None] = {path: known[path] for path in wanted}
+        except KeyError:
+            pass
+        else:
+            if progress is not None:
+                progress(len(wanted), len(wanted))
+            return ids
         result: dict[str, str | None] = {}
         reads: list[tuple[str, str]] = []
         pending: dict[str, None] = {}  # files to read, in order
-        known = self.known_ids
         for path in wanted:
             oid = known.get(path)
             if oid is None:
