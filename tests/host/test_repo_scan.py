@@ -10,7 +10,7 @@ import pytest
 
 from malde_ostrel.workers.wiki import planner
 from malde_ostrel.workers.wiki.repo_facts import file_hash
-from malde_ostrel.workers.wiki.repo_scan import RepoError, find_root, snapshot, state_dir
+from malde_ostrel.workers.wiki.repo_scan import RepoError, find_root, locate, snapshot, state_dir
 
 from .gitrepo import change, git, make_repo, write
 
@@ -76,7 +76,7 @@ def test_plain_directories_and_refusals(repo: Path, tmp_path: Path) -> None:
     walked = snapshot(plain, "main")
     assert (walked.paths, walked.commit, walked.renames_since("HEAD")) == (["x.py"], None, {})
     assert walked.hashes(["x.py"]) == {"x.py": file_hash(plain / "x.py")}
-    assert find_root(plain) == plain.resolve() and state_dir(plain) == plain / ".ostrel-wiki"
+    assert locate(plain) == (find_root(plain), state_dir(plain)) == (plain.resolve(), plain / ".ostrel-wiki")
     for where, branch, message in [(plain, "dev", "not a git work tree"), (repo, "nope", "no branch 'nope'"),
                                    (plain / "x.py", None, "is not a directory")]:  # fmt: skip
         with pytest.raises(RepoError, match=message):
@@ -89,6 +89,7 @@ def test_plain_directories_and_refusals(repo: Path, tmp_path: Path) -> None:
 def test_state_dir_is_shared_by_worktrees(repo: Path, tmp_path: Path) -> None:
     git(repo, "worktree", "add", "-q", str(tmp_path / "wt"), "side")
     assert find_root(tmp_path / "wt") == tmp_path / "wt"
+    assert locate(tmp_path / "wt" / "src") == (tmp_path / "wt", state_dir(repo))
     assert state_dir(tmp_path / "wt") == state_dir(repo) == repo / ".git" / "ostrel-wiki"
     assert snapshot(tmp_path / "wt").checked_out is True
 

@@ -67,6 +67,16 @@ def state_dir(root: Path) -> Path:
     return Path(common) / STATE_DIR_NAME if common else root / f".{STATE_DIR_NAME}"
 
 
+def locate(start: Path) -> tuple[Path, Path]:
+    """``find_root(start)`` and the ``state_dir`` of that root, asking git once."""
+    found = git_io.text(start, "rev-parse", "--show-toplevel", "--path-format=absolute", "--git-common-dir")
+    lines = found.split("\n") if found else []
+    if len(lines) == 2:
+        return Path(lines[0]), Path(lines[1]) / STATE_DIR_NAME
+    root = find_root(start)
+    return root, state_dir(root)
+
+
 def _outside(rel: str) -> bool:
     return rel == "." or rel == ".." or rel.startswith("../")
 

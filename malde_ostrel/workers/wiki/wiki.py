@@ -146,7 +146,7 @@ class Wiki:
             raise WikiError(f"repository {start} does not exist")
         if not start.is_dir():
             raise WikiError(f"repository {start} is not a directory")
-        root = repo_scan.find_root(start.resolve())
+        root, state = repo_scan.locate(start.resolve())
         if branch is not None:
             check_branch_name(branch)
         snap = _snapshot(root, branch)
@@ -156,7 +156,6 @@ class Wiki:
             snap.close()
             raise
         legacy = root / LEGACY_STORE
-        state = repo_scan.state_dir(root)
         # A store an earlier release made in the work tree stays in use, with its wikis.
         use_legacy = (
             store is None and legacy != state / STORE_NAME and legacy.is_file() and not (state / STORE_NAME).exists()
