@@ -376,7 +376,10 @@ class Wiki:
                 or plan.page_id.startswith("custom-")
             ):
                 continue
-            old, new = set(row.get("source_files") or []), set(plan.source_files)
+            recorded = row.get("source_files") or []
+            if recorded == plan.source_files:
+                continue  # the usual case, without building sets
+            old, new = set(recorded), set(plan.source_files)
             if old == new:
                 continue
             repo.upsert_wiki_page(self.branch, plan.page_id, str(row.get("title") or ""), source_files=sorted(new))
@@ -667,6 +670,7 @@ def _state(plan: PagePlan, before: dict[str, dict[str, Any]]) -> str:
     row = before.get(plan.page_id)
     if row is None:
         return "new"
-    same_files = sorted(plan.stored_source_files()) == sorted(row.get("source_files") or [])
+    files, recorded = plan.stored_source_files(), row.get("source_files") or []
+    same_files = files == recorded or sorted(files) == sorted(recorded)
     same_children = not plan.children or plan.children == (row.get("related_pages") or [])
     return "kept" if same_files and same_children else "changed"
