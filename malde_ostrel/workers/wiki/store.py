@@ -16,6 +16,7 @@ killed after its commit is finished by the next run, once.
 
 from __future__ import annotations
 
+import functools
 import itertools
 import json
 import json.scanner
@@ -280,15 +281,8 @@ class Repository:
             # owns no files; a page with files (a family part carrying a
             # back-link to its parent) records none, or it would read as a parent.
             columns["related_pages"] = []
-        names = ["title", *columns]
         values = [title, *(_encode(name, value) for name, value in columns.items())]
-        updates = ", ".join(f"{name} = excluded.{name}" for name in [*names, "updated_at"])
-        self.db.execute(
-            f"INSERT INTO wiki_pages (branch, page_id, {', '.join(names)}, updated_at) "
-            f"VALUES (?, ?, {', '.join('?' * len(names))}, {_NOW_SQL}) "
-            f"ON CONFLICT (branch, page_id) DO UPDATE SET {updates}",
-            (branch, page_id, *values),
-        )
+        self.db.execute(_upsert_sql(("title", *columns)), (branch, page_id, *values))
 
     def rows(self, branch: str, *, columns: Sequence[str] | None = None) -> dict[str, dict[str, Any]]:
         """The branch's page rows by page id, in page id order; with
@@ -476,6 +470,17 @@ def decode_json(text: Any) -> Any:
 
 # What json.loads runs on a text, from a position: (value, where it ends).
 _scan_value: Final = json.scanner.make_scanner(json.JSONDecoder())  # type: ignore[arg-type]  # it reads the fields
+
+
+@functools.lru_cache(maxsize=64)
+def _upsert_sql(names: tuple[str, ...]) -> str:
+    """The statement that inserts a row or updates these columns of it."""
+    updates = ", ".join(f"{name} = excluded.{name}" for name in [*names, "updated_at"])
+    return (
+        f"INSERT INTO wiki_pages (branch, page_id, {', '.join(names)}, updated_at) "
+        f"VALUES (?, ?, {', '.join('?' * len(names))}, {_NOW_SQL}) "
+        f"ON CONFLICT (branch, page_id) DO UPDATE SET {updates}"
+    )
 
 
 def _encode(name: str, value: Any) -> Any:
