@@ -4,12 +4,13 @@ from __future__ import annotations
 
 import os
 from pathlib import Path
+from types import SimpleNamespace
 
 import pytest
 
 from malde_ostrel.workers.wiki import planner
 from malde_ostrel.workers.wiki.repo_facts import file_hash
-from malde_ostrel.workers.wiki.repo_scan import RepoError, find_root, snapshot, state_dir
+from malde_ostrel.workers.wiki.repo_scan import RepoError, find_root, locate, snapshot, state_dir
 
 from .gitrepo import change, git, make_repo, write
 
@@ -75,7 +76,7 @@ def test_plain_directories_and_refusals(repo: Path, tmp_path: Path) -> None:
     walked = snapshot(plain, "main")
     assert (walked.paths, walked.commit, walked.renames_since("HEAD")) == (["x.py"], None, {})
     assert walked.hashes(["x.py"]) == {"x.py": file_hash(plain / "x.py")}
-    assert find_root(plain) == plain.resolve() and state_dir(plain) == plain / ".ostrel-wiki"
+    assert locate(plain) == (find_root(plain), state_dir(plain)) == (plain.resolve(), plain / ".ostrel-wiki")
     for where, branch, message in [(plain, "dev", "not a git work tree"), (repo, "nope", "no branch 'nope'"),
                                    (plain / "x.py", None, "is not a directory")]:  # fmt: skip
         with pytest.raises(RepoError, match=message):
@@ -88,6 +89,7 @@ def test_plain_directories_and_refusals(repo: Path, tmp_path: Path) -> None:
 def test_state_dir_is_shared_by_worktrees(repo: Path, tmp_path: Path) -> None:
     git(repo, "worktree", "add", "-q", str(tmp_path / "wt"), "side")
     assert find_root(tmp_path / "wt") == tmp_path / "wt"
+    assert locate(tmp_path / "wt" / "src") == (tmp_path / "wt", state_dir(repo))
     assert state_dir(tmp_path / "wt") == state_dir(repo) == repo / ".git" / "ostrel-wiki"
     assert snapshot(tmp_path / "wt").checked_out is True
 
@@ -102,6 +104,22 @@ def test_derive_leaves_out_own_output_and_excluded_globs(repo: Path) -> None:
                              "src/.gitattributes", "src/b.py", "src/c.py"]  # fmt: skip
     assert derived.live == {"a.py", "link.py", "src/b.py", "src/c.py"}
     assert derived.fresh == planner.plan_pages(derived.paths, planner.read_steering(repo))
+
+
+def test_a_kept_plan_is_the_derived_one_until_an_input_changes(repo: Path) -> None:
+    kept: dict[str, str] = {}
+    puts: list[str] = []
+    cache = SimpleNamespace(get=kept.get, put=lambda key, value: (puts.append(key), kept.update({key: value})))
+    steer = 'exclude = ["src/{}.py"]\n[[page]]\ntitle = "T"\nfiles = ["*.toml"]\n'.format
+    for files in ({}, {planner.STEERING_FILE: steer("c")}, {planner.STEERING_FILE: steer("b")},
+                  {"src/.gitattributes": "b.py linguist-generated\n"}, {"src/.gitattributes": "c.py -text\n"}):  # fmt: skip
+        write(repo, files)
+        git(repo, "add", ".")
+        snap = snapshot(repo)
+        derived = planner.derive(snap, exclude=["memory/w/"], cache=cache)
+        assert planner.derive(snap, exclude=["memory/w/"], cache=cache) == derived
+        assert derived == planner.derive(snap, exclude=["memory/w/"])
+    assert len(puts) == len(set(puts)) == 5  # each change a new key, each key derived once
 
 
 def test_a_hash_does_not_depend_on_the_route_under_line_end_filters(repo: Path) -> None:

@@ -15,7 +15,7 @@ import pytest
 from malde_ostrel.workers.wiki import orchestrator
 from malde_ostrel.workers.wiki.orchestrator import GeneratorBase, generator_class
 from malde_ostrel.workers.wiki.repo_facts import _text_hash, file_hash
-from malde_ostrel.workers.wiki.store import SCHEMA_VERSION, Database, Repository, StoreError
+from malde_ostrel.workers.wiki.store import SCHEMA_VERSION, Database, Repository, StoredPlans, StoreError
 from malde_ostrel.workers.wiki.types import PagePlan
 
 
@@ -83,6 +83,15 @@ def test_rows_round_trip_with_defaults_order_and_branches(db: Database) -> None:
             with pytest.raises(ValueError, match="unknown wiki page column"):
                 repo.upsert_wiki_page("main", pid, "Bad", **bad)
     assert repo.row("main", "p") == row and repo.row("main", "q") is None
+
+
+def test_stored_plans_one_per_branch_written_by_writers_only(db: Database) -> None:
+    reader, writer = StoredPlans(db, "main", write=False), StoredPlans(db, "main", write=True)
+    reader.put("k", "plan")
+    assert writer.get("k") is None  # no table yet
+    writer.put("k", "plan")
+    writer.put("k2", "plan 2")
+    assert (reader.get("k"), reader.get("k2"), StoredPlans(db, "side", write=False).get("k2")) == (None, "plan 2", None)
 
 
 def test_transactions_nest_and_a_second_connection_waits(db: Database) -> None:

@@ -92,16 +92,21 @@ def parse(text: str, directory: str = "") -> list[Rule]:
     return rules
 
 
+def attribute_files(paths: Iterable[str]) -> list[str]:
+    """The attributes files among ``paths``, shallow first (deeper ones decide)."""
+    paths = list(paths)
+    if ATTRIBUTES_FILE not in "\0".join(paths):
+        return []
+    files = [p for p in paths if p == ATTRIBUTES_FILE or p.endswith("/" + ATTRIBUTES_FILE)]
+    files.sort(key=lambda p: (p.count("/"), p))
+    return files
+
+
 def marked_paths(paths: Iterable[str], read_text: Callable[[str], str | None]) -> Callable[[str], bool] | None:
     """A test for the paths the attributes files among ``paths`` mark
     vendored or generated; None when no attributes file says anything."""
-    paths = list(paths)
-    if ATTRIBUTES_FILE not in "\0".join(paths):
-        return None
-    files = [p for p in paths if p == ATTRIBUTES_FILE or p.endswith("/" + ATTRIBUTES_FILE)]
-    files.sort(key=lambda p: (p.count("/"), p))  # shallow first: deeper ones decide
     rules: list[Rule] = []
-    for path in files:
+    for path in attribute_files(paths):
         text = read_text(path)
         if text is not None:
             rules.extend(parse(text, path.rpartition("/")[0]))

@@ -13,6 +13,7 @@ line; the store holds whole transactions only), 130 when interrupted.
 from __future__ import annotations
 
 import argparse
+import gc
 import json
 import logging
 import os
@@ -396,6 +397,10 @@ def main(argv: Sequence[str] | None = None) -> int:
     package_logger = logging.getLogger("malde_ostrel")
     package_logger.addHandler(log_handler)
     store = "?"
+    # One command is one short run whose objects form next to no cycles:
+    # collection passes would only walk its growing heap, again and again.
+    collecting = gc.isenabled()
+    gc.disable()
     try:
         wiki = _open(args)
         store = str(wiki.store)
@@ -428,3 +433,5 @@ def main(argv: Sequence[str] | None = None) -> int:
         )
     finally:
         package_logger.removeHandler(log_handler)
+        if collecting:
+            gc.enable()

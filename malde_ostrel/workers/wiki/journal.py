@@ -13,7 +13,6 @@ from __future__ import annotations
 
 import json
 import os
-import secrets
 from pathlib import Path
 from typing import Any, Final
 
@@ -30,7 +29,7 @@ LOG: Final = "log"
 
 
 def new_run_id() -> str:
-    return secrets.token_hex(8)
+    return os.urandom(8).hex()
 
 
 def fsync_dir(directory: Path) -> None:
@@ -49,7 +48,7 @@ def fsync_dir(directory: Path) -> None:
 def temp_beside(target: Path, data: bytes) -> Path:
     """``data`` written and flushed to disk in a new file beside ``target``."""
     target.parent.mkdir(parents=True, exist_ok=True)
-    temp = target.with_name(f".{target.name}.{os.getpid()}.{secrets.token_hex(4)}.tmp")
+    temp = target.with_name(f".{target.name}.{os.getpid()}.{os.urandom(4).hex()}.tmp")
     try:
         with temp.open("xb") as file:
             file.write(data)

@@ -85,7 +85,9 @@ class GeneratorBase(PageRetirementMixin, SteeringMixin):
 
     def _hashes_with_steering(self, files: list[str]) -> dict[str, str | None]:
         """Hashes of a page's files, with the steering digest when there is steering."""
-        return self._with_steering(self._source_hashes(list(files)))
+        hashes = self._source_hashes(list(files))
+        # Without steering (the usual case) the hashes are returned as they came.
+        return self._with_steering(hashes) if self.steering_text else hashes
 
     def save_page(self, plan: PagePlan, body: str, citations: list[dict[str, Any]] | None = None) -> dict[str, Any]:
         """Store a page's prose: its body file and its row, now fresh.

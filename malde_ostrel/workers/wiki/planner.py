@@ -33,12 +33,11 @@ from __future__ import annotations
 
 import dataclasses
 import re
-import tomllib
 from collections.abc import Callable, Iterable
 from pathlib import Path
-from typing import Any
+from typing import Any, Protocol
 
-from malde_ostrel.workers.wiki import attributes, splits
+from malde_ostrel.workers.wiki import attributes, plan_cache, splits
 from malde_ostrel.workers.wiki.globs import glob_regex
 from malde_ostrel.workers.wiki.page_sources import unit_topic
 from malde_ostrel.workers.wiki.repo_scan import Snapshot
@@ -371,6 +370,8 @@ def parse_steering(text: str) -> Steering:
     ``description``; a top-level ``exclude`` lists glob patterns of paths
     the wiki leaves out altogether.
     """
+    import tomllib  # only a repository with a steering file needs it
+
     try:
         data = tomllib.loads(text)
     except tomllib.TOMLDecodeError as exc:
@@ -395,21 +396,28 @@ def read_steering(source: Snapshot | Path) -> Steering:
     """The steering file of a snapshot (or of a directory), parsed; empty
     steering when there is none."""
     if isinstance(source, Snapshot):
-        where = str(source.root / STEERING_FILE)
-        if not source.checked_out:
-            where = f"{STEERING_FILE} of branch {source.branch}"
-        raw = source.read_bytes(STEERING_FILE)
-        if raw is None:
-            return Steering()
-    else:
-        path = source / STEERING_FILE
-        where = str(path)
-        try:
-            raw = path.read_bytes()
-        except FileNotFoundError:
-            return Steering()
-        except OSError as exc:
-            raise SteeringError(f"{path}: {exc.strerror or exc}") from None
+        return _steering_of(source, source.read_bytes(STEERING_FILE))
+    path = source / STEERING_FILE
+    try:
+        raw = path.read_bytes()
+    except FileNotFoundError:
+        return Steering()
+    except OSError as exc:
+        raise SteeringError(f"{path}: {exc.strerror or exc}") from None
+    return _parse_raw(raw, str(path))
+
+
+def _steering_of(snapshot: Snapshot, raw: bytes | None) -> Steering:
+    """The snapshot's steering from the bytes of its steering file (None: no file)."""
+    if raw is None:
+        return Steering()
+    where = str(snapshot.root / STEERING_FILE)
+    if not snapshot.checked_out:
+        where = f"{STEERING_FILE} of branch {snapshot.branch}"
+    return _parse_raw(raw, where)
+
+
+def _parse_raw(raw: bytes, where: str) -> Steering:
     try:
         text = raw.decode("utf-8")
     except UnicodeDecodeError:
@@ -420,7 +428,15 @@ def read_steering(source: Snapshot | Path) -> Steering:
         raise SteeringError(f"{where}: {exc}") from None
 
 
-def derive(snapshot: Snapshot, *, exclude: Iterable[str] = ()) -> Derived:
+class PlanCache(Protocol):
+    """Where derived plans are kept between runs, by the key of their inputs."""
+
+    def get(self, key: str) -> str | None: ...
+
+    def put(self, key: str, value: str) -> None: ...
+
+
+def derive(snapshot: Snapshot, *, exclude: Iterable[str] = (), cache: PlanCache | None = None) -> Derived:
     """The fresh plan of a snapshot.
 
     Reads the steering file from the snapshot and leaves out the paths under
@@ -428,19 +444,36 @@ def derive(snapshot: Snapshot, *, exclude: Iterable[str] = ()) -> Derived:
     tree), those ``.gitattributes`` files mark ``linguist-vendored`` or
     ``linguist-generated``, and those the steering file's ``exclude`` globs
     match.
+
+    With a ``cache``, a plan derived before from the same inputs (paths,
+    exclusions, steering and attributes files, and this code) is taken from
+    it, and a plan derived now is put in it.
     """
-    steering = read_steering(snapshot)
+    raw_steering = snapshot.read_bytes(STEERING_FILE)
+    steering = _steering_of(snapshot, raw_steering)
+    exclude = tuple(exclude)
     prefixes = tuple(p.strip("/") + "/" for p in exclude if p.strip("/"))
     exact = frozenset(p.strip("/") for p in exclude)
-    globs = [glob_regex(p) for p in steering.exclude if p.strip()]
     paths = snapshot.paths
     if any(a >= b for a, b in zip(paths, paths[1:], strict=False)):
         paths = sorted(set(paths))
-    marked = attributes.marked_paths(paths, snapshot.read_text)
+    texts = {path: snapshot.read_text(path) for path in attributes.attribute_files(paths)}
+    key = plan_cache.key(paths, exclude, raw_steering, texts) if cache is not None else None
+    if cache is not None and key is not None:
+        found = plan_cache.decode(cache.get(key), paths)
+        if found is not None:
+            fresh, live, kept = found
+            return Derived(fresh, live, kept, steering)
+    globs = [glob_regex(p) for p in steering.exclude if p.strip()]
+    marked = attributes.marked_paths(texts, texts.get) if texts else None
 
     def drop(path: str) -> bool:
         return any(rx.fullmatch(path) for rx in globs) or (marked is not None and marked(path))
 
-    paths, by_dir = _by_directory(paths, prefixes, exact, drop if globs or marked else None)
+    kept, by_dir = _by_directory(paths, prefixes, exact, drop if globs or marked else None)
     live = {path for files in by_dir.values() for path in files}
-    return Derived(_plan(paths, by_dir, steering), live, paths, steering)
+    fresh = _plan(kept, by_dir, steering)
+    if cache is not None and key is not None:
+        start = sum(1 for plan in fresh[:2] if plan.page_id in (OVERVIEW_ID, ARCHITECTURE_ID))
+        cache.put(key, plan_cache.encode(fresh, (start, len(fresh) - len(steering.pages)), paths, kept))
+    return Derived(fresh, live, kept, steering)

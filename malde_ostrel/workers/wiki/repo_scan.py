@@ -67,6 +67,16 @@ def state_dir(root: Path) -> Path:
     return Path(common) / STATE_DIR_NAME if common else root / f".{STATE_DIR_NAME}"
 
 
+def locate(start: Path) -> tuple[Path, Path]:
+    """``find_root(start)`` and the ``state_dir`` of that root, asking git once."""
+    found = git_io.text(start, "rev-parse", "--show-toplevel", "--path-format=absolute", "--git-common-dir")
+    lines = found.split("\n") if found else []
+    if len(lines) == 2:
+        return Path(lines[0]), Path(lines[1]) / STATE_DIR_NAME
+    root = find_root(start)
+    return root, state_dir(root)
+
+
 def _outside(rel: str) -> bool:
     return rel == "." or rel == ".." or rel.startswith("../")
 
@@ -137,10 +147,19 @@ class Snapshot:
         snapshot.  ``progress(done, total)`` is called now and then.
         """
         wanted = list(paths)
+        known = self.known_ids
+        try:
+            # Most often every id is git's: nothing to read.
+            ids: dict[str, str | None] = {path: known[path] for path in wanted}
+        except KeyError:
+            pass
+        else:
+            if progress is not None:
+                progress(len(wanted), len(wanted))
+            return ids
         result: dict[str, str | None] = {}
         reads: list[tuple[str, str]] = []
         pending: dict[str, None] = {}  # files to read, in order
-        known = self.known_ids
         for path in wanted:
             oid = known.get(path)
             if oid is None:
@@ -302,10 +321,7 @@ def _work_tree(root: Path, branch: str | None) -> Snapshot:
             changed.add(record.split(" ", 10)[-1])
     if branch is None and head == "(detached)":
         raise RepoError("HEAD is detached; name the branch with --branch")
-    entries = _LS_FILES_RE.findall(listing.decode("utf-8", "surrogateescape"))
-    # Every stage of a conflicted file lands on one key; it is among `changed`.
-    known = {path: oid for _mode, oid, path in entries}
-    odd = {path: mode for mode, _oid, path in entries if mode not in _REGULAR}
+    known, odd = _index_entries(listing.decode("utf-8", "surrogateescape"))
     for path in deleted:
         known.pop(path, None)
     for path in changed.union(odd):
@@ -315,6 +331,24 @@ def _work_tree(root: Path, branch: str | None) -> Snapshot:
     for path in changed.union(odd):
         known.pop(path, None)  # live, but git's id is not the content's
     return Snapshot(root, branch or head, commit, True, paths, known, in_git=True, pristine=pristine)
+
+
+def _index_entries(listing: str) -> tuple[dict[str, str], dict[str, str]]:
+    """The object id of each path of a ``git ls-files -s -z`` listing, and
+    the mode of each path that is not a regular file.  Every stage of a
+    conflicted file lands on one key; it is among the changed files."""
+    fields = listing.replace("\t", "\0").split("\0")
+    if len(fields) != 2 * listing.count("\0") + 1:
+        # A path holding a tab: record by record.
+        entries = _LS_FILES_RE.findall(listing)
+        return {path: oid for _mode, oid, path in entries}, {
+            path: mode for mode, _oid, path in entries if mode not in _REGULAR
+        }
+    # "<mode> <id> <stage>": six octal digits, the id, one digit.
+    metas, paths = fields[0:-1:2], fields[1::2]
+    known = dict(zip(paths, [meta[7:-2] for meta in metas], strict=True))
+    odd = {paths[i]: meta[:6] for i, meta in enumerate(metas) if meta[:6] not in _REGULAR}
+    return known, odd
 
 
 def _committed(root: Path, branch: str) -> Snapshot:

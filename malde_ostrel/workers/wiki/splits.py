@@ -17,6 +17,7 @@ moves nearly every later part.
 
 from __future__ import annotations
 
+import functools
 import hashlib
 
 CUT_SPACING = 8
@@ -26,8 +27,13 @@ _SPAN = 1 << 64
 
 def name_rank(path: str) -> int:
     """A fixed pseudo-random number for the file name of ``path``."""
-    name = path.rpartition("/")[2].encode("utf-8", "surrogateescape")
-    return int.from_bytes(hashlib.blake2b(name, digest_size=8).digest(), "big")
+    return _rank(path.rpartition("/")[2])
+
+
+# Names repeat across directories (__init__.py, README.md): each is hashed once.
+@functools.lru_cache(maxsize=1 << 16)
+def _rank(name: str) -> int:
+    return int.from_bytes(hashlib.blake2b(name.encode("utf-8", "surrogateescape"), digest_size=8).digest(), "big")
 
 
 def _even(files: list[str], limit: int) -> list[list[str]]:

@@ -16,8 +16,10 @@ killed after its commit is finished by the next run, once.
 
 from __future__ import annotations
 
+import functools
 import itertools
 import json
+import json.scanner
 import sqlite3
 from collections.abc import Iterator, Sequence
 from contextlib import contextmanager
@@ -279,15 +281,8 @@ class Repository:
             # owns no files; a page with files (a family part carrying a
             # back-link to its parent) records none, or it would read as a parent.
             columns["related_pages"] = []
-        names = ["title", *columns]
         values = [title, *(_encode(name, value) for name, value in columns.items())]
-        updates = ", ".join(f"{name} = excluded.{name}" for name in [*names, "updated_at"])
-        self.db.execute(
-            f"INSERT INTO wiki_pages (branch, page_id, {', '.join(names)}, updated_at) "
-            f"VALUES (?, ?, {', '.join('?' * len(names))}, {_NOW_SQL}) "
-            f"ON CONFLICT (branch, page_id) DO UPDATE SET {updates}",
-            (branch, page_id, *values),
-        )
+        self.db.execute(_upsert_sql(("title", *columns)), (branch, page_id, *values))
 
     def rows(self, branch: str, *, columns: Sequence[str] | None = None) -> dict[str, dict[str, Any]]:
         """The branch's page rows by page id, in page id order; with
@@ -414,6 +409,39 @@ class Repository:
             self.db.execute("UPDATE archive SET open = 0 WHERE branch = ? AND carried_to = ?", (branch, carried_to))
 
 
+class StoredPlans:
+    """The derived plans of one branch kept in the store, one at a time, under
+    the key of their inputs (see ``plan_cache``).  The table is made by the
+    first write: a store without it holds none, and a release that does not
+    know it leaves it alone.  Read-only users never write."""
+
+    def __init__(self, db: Database, branch: str, *, write: bool) -> None:
+        self.db = db
+        self.branch = branch
+        self.write = write
+
+    def get(self, key: str) -> str | None:
+        known = self.db.execute("SELECT 1 FROM sqlite_master WHERE type = 'table' AND name = 'derived_plans'")
+        if known.fetchone() is None:
+            return None
+        raw = self.db.execute(
+            "SELECT plan FROM derived_plans WHERE branch = ? AND key = ?", (self.branch, key)
+        ).fetchone()
+        return raw[0] if raw is not None and isinstance(raw[0], str) else None
+
+    def put(self, key: str, value: str) -> None:
+        if not self.write:
+            return
+        self.db.execute(
+            "CREATE TABLE IF NOT EXISTS derived_plans (branch TEXT PRIMARY KEY, key TEXT NOT NULL, plan TEXT NOT NULL)"
+        )
+        self.db.execute(
+            "INSERT INTO derived_plans (branch, key, plan) VALUES (?, ?, ?) "
+            "ON CONFLICT (branch) DO UPDATE SET key = excluded.key, plan = excluded.plan",
+            (self.branch, key, value),
+        )
+
+
 STALE_MARK_KEY: Final = "__stale__"
 
 
@@ -427,9 +455,32 @@ def decode_json(text: Any) -> Any:
     if text == "{}":
         return {}
     try:
+        # One value from the start (what json.loads does, without its
+        # per-call overhead); the rest of the text, if any, is its business.
+        value, end = _scan_value(text, 0)
+        if end == len(text):
+            return value
+    except (ValueError, StopIteration):
+        pass
+    try:
         return json.loads(text)
     except ValueError:
         return None
+
+
+# What json.loads runs on a text, from a position: (value, where it ends).
+_scan_value: Final = json.scanner.make_scanner(json.JSONDecoder())  # type: ignore[arg-type]  # it reads the fields
+
+
+@functools.lru_cache(maxsize=64)
+def _upsert_sql(names: tuple[str, ...]) -> str:
+    """The statement that inserts a row or updates these columns of it."""
+    updates = ", ".join(f"{name} = excluded.{name}" for name in [*names, "updated_at"])
+    return (
+        f"INSERT INTO wiki_pages (branch, page_id, {', '.join(names)}, updated_at) "
+        f"VALUES (?, ?, {', '.join('?' * len(names))}, {_NOW_SQL}) "
+        f"ON CONFLICT (branch, page_id) DO UPDATE SET {updates}"
+    )
 
 
 def _encode(name: str, value: Any) -> Any:

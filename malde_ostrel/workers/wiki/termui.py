@@ -52,7 +52,8 @@ def fit_table(header: list[str], rows: list[list[str]], width: int | None, *, sh
     ``MIN_SHRUNK`` characters (or its header); the other columns keep their
     text.  ``width`` None means no limit."""
     table = [header, *rows]
-    widths = [max(len(cell) for cell in column) for column in zip(*table, strict=True)]
+    full = [max(len(cell) for cell in column) for column in zip(*table, strict=True)]
+    widths = list(full)
     if width is not None:
         excess = sum(widths) + len(SEPARATOR) * (len(widths) - 1) - width
         for column in shrink:
@@ -62,10 +63,16 @@ def fit_table(header: list[str], rows: list[list[str]], width: int | None, *, sh
             cut = min(excess, widths[column] - floor)
             widths[column] -= cut
             excess -= cut
+    shrunk = [index for index, w in enumerate(widths) if w < full[index]]
+    # Each cell left-aligned in its column's width: one format for every line.
+    layout = SEPARATOR.join(f"{{:<{w}}}" if w else "{}" for w in widths)
     lines = []
     for line in table:
-        cells = (_cut(cell, w).ljust(w) for cell, w in zip(line, widths, strict=True))
-        lines.append(SEPARATOR.join(cells).rstrip())
+        if shrunk:
+            line = list(line)
+            for index in shrunk:
+                line[index] = _cut(line[index], widths[index])
+        lines.append(layout.format(*line).rstrip())
     return lines
 
 

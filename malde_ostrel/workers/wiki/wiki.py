@@ -29,7 +29,7 @@ from functools import partial
 from pathlib import Path
 from typing import Any, Final
 
-from malde_ostrel.workers.wiki import carry, citecheck, doctor, plan_record, planner, renames, repo_scan
+from malde_ostrel.workers.wiki import carry, plan_record, planner, renames, repo_scan
 from malde_ostrel.workers.wiki.auditlog import page_history, read_runs
 from malde_ostrel.workers.wiki.journal import PLAN_LOG_NAME, Journal, new_run_id
 from malde_ostrel.workers.wiki.locking import store_lock
@@ -51,7 +51,7 @@ from malde_ostrel.workers.wiki.reports import (
     StatusReport,
     WikiError,
 )
-from malde_ostrel.workers.wiki.store import SCHEMA_VERSION, Database, Repository, StoreError
+from malde_ostrel.workers.wiki.store import SCHEMA_VERSION, Database, Repository, StoredPlans, StoreError
 from malde_ostrel.workers.wiki.types import PagePlan
 from malde_ostrel.workers.wiki.verify import prose_citations
 from malde_ostrel.workers.wiki_types import PINNED_LEVELS
@@ -146,7 +146,7 @@ class Wiki:
             raise WikiError(f"repository {start} does not exist")
         if not start.is_dir():
             raise WikiError(f"repository {start} is not a directory")
-        root = repo_scan.find_root(start.resolve())
+        root, state = repo_scan.locate(start.resolve())
         if branch is not None:
             check_branch_name(branch)
         snap = _snapshot(root, branch)
@@ -156,7 +156,6 @@ class Wiki:
             snap.close()
             raise
         legacy = root / LEGACY_STORE
-        state = repo_scan.state_dir(root)
         # A store an earlier release made in the work tree stays in use, with its wikis.
         use_legacy = (
             store is None and legacy != state / STORE_NAME and legacy.is_file() and not (state / STORE_NAME).exists()
@@ -197,8 +196,13 @@ class Wiki:
                 continue  # outside the repository
         return prefixes
 
-    def _derive(self, snap: repo_scan.Snapshot) -> tuple[planner.Derived, planner.Steering]:
-        derived = planner.derive(snap, exclude=self._own_output())
+    def _derive(
+        self, snap: repo_scan.Snapshot, db: Database | None = None, *, write: bool = False
+    ) -> tuple[planner.Derived, planner.Steering]:
+        """The fresh plan; with the store, one kept there from the same inputs
+        (a ``write`` keeps the one derived now)."""
+        cache = None if db is None else StoredPlans(db, self.branch, write=write)
+        derived = planner.derive(snap, exclude=self._own_output(), cache=cache)
         return derived, derived.steering
 
     @contextmanager
@@ -250,9 +254,9 @@ class Wiki:
     def plan(self, *, replan: bool = False) -> PlanReport:
         """Derive, pin and apply the branch's plan; what happened."""
         snap = self._snapshot()
-        derived, steering = self._derive(snap)
         warnings: list[str] = []
         with self._session(write=True) as db:
+            derived, steering = self._derive(snap, db, write=True)
             repo, journal = Repository(db), Journal(db)
             with db.transaction():
                 unwritten = db.changes
@@ -372,7 +376,10 @@ class Wiki:
                 or plan.page_id.startswith("custom-")
             ):
                 continue
-            old, new = set(row.get("source_files") or []), set(plan.source_files)
+            recorded = row.get("source_files") or []
+            if recorded == plan.source_files:
+                continue  # the usual case, without building sets
+            old, new = set(recorded), set(plan.source_files)
             if old == new:
                 continue
             repo.upsert_wiki_page(self.branch, plan.page_id, str(row.get("title") or ""), source_files=sorted(new))
@@ -414,6 +421,8 @@ class Wiki:
                             f"page {page_id} is planned but not yet of record on "
                             f"branch {self.branch}; run `{PROG} plan` first"
                         )
+                    from malde_ostrel.workers.wiki import citecheck
+
                     problems = citecheck.check(body, citecheck.covered(plan, plans, snap.paths), snap)
                     if problems and strict:
                         raise CitationError(page_id, problems)
@@ -447,8 +456,8 @@ class Wiki:
 
     def status(self) -> StatusReport:
         snap = self._snapshot()
-        derived, steering = self._derive(snap)
         with self._session(write=False) as db:
+            derived, steering = self._derive(snap, db)
             gen = self._generator(db, snap, steering)
             of_record = bool(gen._existing)
             plans = self._pinned(gen, derived, snap)
@@ -560,6 +569,8 @@ class Wiki:
     def doctor(self) -> DoctorReport:
         """Check the store and the branch's log and texts; repair what can be
         repaired, keeping a backup of what it changes."""
+        from malde_ostrel.workers.wiki import doctor
+
         return doctor.doctor(self.store, self.wiki_dir, self.branch)
 
 
@@ -659,6 +670,7 @@ def _state(plan: PagePlan, before: dict[str, dict[str, Any]]) -> str:
     row = before.get(plan.page_id)
     if row is None:
         return "new"
-    same_files = sorted(plan.stored_source_files()) == sorted(row.get("source_files") or [])
+    files, recorded = plan.stored_source_files(), row.get("source_files") or []
+    same_files = files == recorded or sorted(files) == sorted(recorded)
     same_children = not plan.children or plan.children == (row.get("related_pages") or [])
     return "kept" if same_files and same_children else "changed"
