@@ -70,9 +70,8 @@ class Sweeper(str):
 def pinned_levels_in_step_10(m: ModuleType, patch: pytest.MonkeyPatch) -> Any:
     # The first amend (a steering retirement) makes "overview" a code-unit level,
     # so the stored overview is no longer retired as a non-code page.
-    patch.setattr(
-        m, "amend", at_first_call(m.amend, lambda: setattr(m, "PINNED_LEVELS", frozenset({"module", "overview"})))
-    )
+    widen = lambda: setattr(m, "PINNED_LEVELS", frozenset({"module", "overview"}))  # noqa: E731
+    patch.setattr(m, "amend", at_first_call(m.amend, widen))
     existing = {"custom-old": row("custom-old", level="note"), "overview": row("overview", level="overview")}
     _, amendments, _ = m.pin_plan([], existing, set())
     return reasons(amendments), [("retire", "custom-old", "removed from steering")]
@@ -102,10 +101,9 @@ def kept_plan_renamed_before_extension(m: ModuleType, patch: pytest.MonkeyPatch)
     patch.setattr(m, "amend", at_first_call(m.amend, lambda: setattr(fresh[0], "page_id", "module-m")))
     live = {"old.c", "n/1.c", "n/2.c", "n/3.c", "n/4.c"}
     plans, amendments, _ = m.pin_plan(fresh, {"module-old": row("module-old", "old.c")}, live)
-    return (sorted((p.page_id, tuple(p.source_files)) for p in plans), reasons(amendments)), (
-        [("module-m", ("n/1.c", "n/2.c")), ("module-old", ("old.c",))],
-        [("add", "module-n", "new subsystem (2 files)"), ("extend", "module-n", "2 new source file(s) absorbed")],
-    )
+    got = sorted((p.page_id, tuple(p.source_files)) for p in plans), reasons(amendments)
+    extended = [("add", "module-n", "new subsystem (2 files)"), ("extend", "module-n", "2 new source file(s) absorbed")]
+    return got, ([("module-m", ("n/1.c", "n/2.c")), ("module-old", ("old.c",))], extended)
 
 
 def count_after_the_setter(m: ModuleType, patch: pytest.MonkeyPatch) -> Any:

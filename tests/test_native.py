@@ -34,8 +34,8 @@ def measurable() -> bool:
 
 
 def growth(action: Callable[[], Any], rounds: int = ROUNDS, warm_up: int = WARM_UP) -> int:
-    if not measurable():  # under the sanitizers the probes still run, a few times
-        rounds, warm_up = 10, 0
+    if not measurable():  # under the sanitizers the probes still run: once cold, once warm
+        rounds, warm_up = 2, 0
     for _ in range(warm_up):
         each(action)
     gc.collect()

@@ -104,13 +104,10 @@ class TestStaleSelection:
             assert h._select_stale([], existing, force) == set() and h.log == []
 
     def test_rows_compared_by_their_own_hashes(self, impl: ModuleType) -> None:
-        existing = {
-            "fresh": {"source_hashes": {"a.c": "h1", STEERING_SENTINEL: "s1"}},
-            "edited": {"source_hashes": {"a.c": "old", STEERING_SENTINEL: "s1"}},
-            "parent": {"source_files": ["b.c"], "source_hashes": {"b.c": "h2", STEERING_SENTINEL: "s1"}},
-            "skeleton": {"source_hashes": STALE_MARK},
-            "no-hashes": {},
-        }
+        existing = {"fresh": {"source_hashes": {"a.c": "h1", STEERING_SENTINEL: "s1"}},
+                    "edited": {"source_hashes": {"a.c": "old", STEERING_SENTINEL: "s1"}},
+                    "parent": {"source_files": ["b.c"], "source_hashes": {"b.c": "h2", STEERING_SENTINEL: "s1"}},
+                    "skeleton": {"source_hashes": STALE_MARK}, "no-hashes": {}}  # fmt: skip
         h = host(impl, hashes={"a.c": "h1", "b.c": "h2"})
         plans = [plan("fresh", "a.c"), plan("edited", "a.c"), plan("parent"), plan("skeleton", "a.c"),
                  plan("no-hashes"), plan("new", "a.c")]  # fmt: skip
