@@ -44,11 +44,9 @@ def prefill(wiki_dir: Path, count: int, text: str = "old {}\n") -> list[bytes]:
 @pytest.mark.usefixtures("clock")
 class TestLog:
     def test_line_byte_for_byte(self, impl: ModuleType, tmp_path: Path) -> None:
-        amendments = [
-            {"action": "add", "page_id": "p", "reason": "na\u00efve \u2014 \u65e5\u672c \U0001f600 \u2028"},
-            {"ctl": '\x00\x1f\t\n\r"\\\x7f', "nested": {"z": {"y": []}, "a": (1, None)}},
-            {"numbers": [1, 0.5, 1e300, float("nan"), float("-inf"), True, 10**20]},
-        ]
+        amendments = [{"action": "add", "page_id": "p", "reason": "na\u00efve \u2014 \u65e5\u672c \U0001f600 \u2028"},
+                      {"ctl": '\x00\x1f\t\n\r"\\\x7f', "nested": {"z": {"y": []}, "a": (1, None)}},
+                      {"numbers": [1, 0.5, 1e300, float("nan"), float("-inf"), True, 10**20]}]  # fmt: skip
         wiki_dir = tmp_path / "memory" / "lorebook" / "main"
         assert impl.append_plan_log(wiki_dir, amendments, replan=True) is None
         impl.append_plan_log(wiki_dir, ({"action": "retire"},), replan=0)
@@ -66,17 +64,10 @@ class TestLog:
             assert impl.append_plan_log(tmp_path / "absent", empty, replan=True) is None
         assert not (tmp_path / "absent").exists() and caplog.records == []
 
-    @pytest.mark.parametrize(
-        ("old", "text", "kept"),
-        [
-            (1999, "old {}\n", 0),
-            (2000, "old {}\n", 1001),
-            # Only line feeds end lines; carriage returns are read as line feeds.
-            (1999, "old {} \u2028 \u0085 \x0b \x1c\n", 0),
-            (2000, "crlf {}\r\n", 1001),
-            (2000, "cr {}\r", 1001),
-        ],
-    )
+    # Only line feeds end lines; carriage returns are read as line feeds.
+    @pytest.mark.parametrize(("old", "text", "kept"), [
+        (1999, "old {}\n", 0), (2000, "old {}\n", 1001), (1999, "old {} \u2028 \u0085 \x0b \x1c\n", 0),
+        (2000, "crlf {}\r\n", 1001), (2000, "cr {}\r", 1001)])  # fmt: skip
     def test_trim_at_the_line_limit(self, impl: ModuleType, tmp_path: Path, old: int, text: str, kept: int) -> None:
         lines = prefill(tmp_path, old, text)
         impl.append_plan_log(tmp_path, [{"n": 1}], replan=False)
@@ -85,19 +76,11 @@ class TestLog:
         assert (tmp_path / LOG).read_bytes() == expected + line('[{"n": 1}]')
         assert [p.name for p in tmp_path.iterdir()] == [LOG]
 
-    @pytest.mark.parametrize(
-        ("setup", "error"),
-        [
-            ("wiki_dir is a file", FileExistsError),
-            ("log is a directory", IsADirectoryError),
-            ("trim target is a directory", IsADirectoryError),
-            pytest.param(
-                "read-only directory",
-                PermissionError,
-                marks=pytest.mark.skipif(os.geteuid() == 0, reason="root bypasses permissions"),
-            ),
-        ],
-    )
+    @pytest.mark.parametrize(("setup", "error"), [
+        ("wiki_dir is a file", FileExistsError), ("log is a directory", IsADirectoryError),
+        ("trim target is a directory", IsADirectoryError),
+        pytest.param("read-only directory", PermissionError,
+                     marks=pytest.mark.skipif(os.geteuid() == 0, reason="root bypasses permissions"))])  # fmt: skip
     def test_os_errors_become_a_warning(
         self, impl: ModuleType, tmp_path: Path, caplog: pytest.LogCaptureFixture, setup: str, error: type[OSError]
     ) -> None:
@@ -119,14 +102,9 @@ class TestLog:
         log = wiki_dir if wiki_dir.is_file() else wiki_dir / LOG
         assert (log.read_bytes() if log.is_file() else b"") == before
 
-    @pytest.mark.parametrize(
-        ("value", "error"),
-        [
-            ({1, 2}, "Object of type set is not JSON serializable"),
-            ("\ud800", "surrogates not allowed"),
-            ({b"k": 1}, "keys must be str, int, float, bool or None, not bytes"),
-        ],
-    )
+    @pytest.mark.parametrize(("value", "error"), [
+        ({1, 2}, "Object of type set is not JSON serializable"), ("\ud800", "surrogates not allowed"),
+        ({b"k": 1}, "keys must be str, int, float, bool or None, not bytes")])  # fmt: skip
     def test_unwritable_record_raises_and_adds_no_line(
         self, impl: ModuleType, tmp_path: Path, value: Any, error: str
     ) -> None:
@@ -148,14 +126,8 @@ class TestLog:
         assert (tmp_path / LOG).read_bytes() == before + line("[{}]")
 
     @pytest.mark.parametrize("failure", [OSError, RuntimeError])
-    def test_only_os_errors_are_caught(
-        self,
-        impl: ModuleType,
-        tmp_path: Path,
-        monkeypatch: pytest.MonkeyPatch,
-        caplog: pytest.LogCaptureFixture,
-        failure: type[Exception],
-    ) -> None:
+    def test_only_os_errors_are_caught(self, impl: ModuleType, tmp_path: Path, monkeypatch: pytest.MonkeyPatch,
+                                       caplog: pytest.LogCaptureFixture, failure: type[Exception]) -> None:  # fmt: skip
         def now() -> dt.datetime:
             raise failure("clock")
 
@@ -190,19 +162,10 @@ class TestDrift:
         )
 
     def test_what_counts(self, impl: ModuleType) -> None:
-        counted = [
-            {"action": "add"},
-            {"action": "retire", "level": None},
-            {"action": "remap", "level": ""},
-            {"action": "add", "level": "package"},
-            {"action": "retire", "level": "subsystem"},
-        ]
-        ignored = [{"action": "extend"}] * 20 + [
-            {"action": "add", "level": "overview"},
-            {"action": "add", "level": "note"},
-            {"action": "Add"},
-            {"action": "add ", "level": "module"},
-        ]
+        counted = [{"action": "add"}, {"action": "retire", "level": None}, {"action": "remap", "level": ""},
+                   {"action": "add", "level": "package"}, {"action": "retire", "level": "subsystem"}]  # fmt: skip
+        ignored = [{"action": "extend"}] * 20 + [{"action": "add", "level": "overview"}, {"action": "add", "level": "note"},
+                                                 {"action": "Add"}, {"action": "add ", "level": "module"}]  # fmt: skip
         assert impl.drift_signal(iter(counted + ignored), 0).startswith("5 structural amendments")
         assert impl.drift_signal(counted + ignored, 15) is not None
         assert impl.drift_signal(counted + ignored, 18) is None

@@ -14,17 +14,7 @@ import pytest
 
 from malde_ostrel.workers.wiki.types import PagePlan
 
-
-def plan(page_id: str, *files: str, level: str = "module", **fields: Any) -> PagePlan:
-    return PagePlan(page_id=page_id, level=level, source_files=list(files), **fields)
-
-
-def row(page_id: str, *files: str, level: str = "module", **fields: Any) -> dict[str, Any]:
-    return {"page_id": page_id, "level": level, "source_files": list(files), **fields}
-
-
-def reasons(amendments: list[dict[str, Any]]) -> list[tuple[str, str, str]]:
-    return [(a["action"], a["page_id"], a["reason"]) for a in amendments]
+from .records import ids, plan, reasons, row, store
 
 
 def at_first_call(real: Callable[..., Any], effect: Callable[[], None]) -> Callable[..., Any]:
@@ -80,9 +70,8 @@ class Sweeper(str):
 def pinned_levels_in_step_10(m: ModuleType, patch: pytest.MonkeyPatch) -> Any:
     # The first amend (a steering retirement) makes "overview" a code-unit level,
     # so the stored overview is no longer retired as a non-code page.
-    patch.setattr(
-        m, "amend", at_first_call(m.amend, lambda: setattr(m, "PINNED_LEVELS", frozenset({"module", "overview"})))
-    )
+    widen = lambda: setattr(m, "PINNED_LEVELS", frozenset({"module", "overview"}))  # noqa: E731
+    patch.setattr(m, "amend", at_first_call(m.amend, widen))
     existing = {"custom-old": row("custom-old", level="note"), "overview": row("overview", level="overview")}
     _, amendments, _ = m.pin_plan([], existing, set())
     return reasons(amendments), [("retire", "custom-old", "removed from steering")]
@@ -91,36 +80,18 @@ def pinned_levels_in_step_10(m: ModuleType, patch: pytest.MonkeyPatch) -> Any:
 def catch_all_pattern_in_demotion(m: ModuleType, patch: pytest.MonkeyPatch) -> Any:
     # Once the pattern no longer matches "module-additional", its file is pinned
     # and the fresh family holding it loses its parent.
-    existing = {
-        "module-a": row("module-a", "a.c"),
-        "module-b": Hooked(
-            lambda: setattr(m, "_CATCH_ALL_RE", re.compile("^none$")),
-            page_id="module-b",
-            level="module",
-            source_files=["b.c"],
-        ),
-        "module-additional": row("module-additional", "x.c"),
-    }
+    hooked = Hooked(lambda: setattr(m, "_CATCH_ALL_RE", re.compile("^none$")), **row("module-b", "b.c"))
+    existing = store(row("module-a", "a.c"), hooked, row("module-additional", "x.c"))
     fresh = [plan("fam", children=["fam-1"], parent_section="S"), plan("fam-1", "x.c")]
-    result = m._demote_unrecorded_families(fresh, existing)
-    return ([p.page_id for p in result], fresh[1].parent_section), (["fam-1"], "S")
+    return (ids(m._demote_unrecorded_families(fresh, existing)), fresh[1].parent_section), (["fam-1"], "S")
 
 
 def pinned_levels_in_demotion(m: ModuleType, patch: pytest.MonkeyPatch) -> Any:
     # Once "package" is no code-unit level, the stored package pins nothing.
-    existing = {
-        "module-a": row("module-a", "a.c"),
-        "module-b": Hooked(
-            lambda: setattr(m, "PINNED_LEVELS", frozenset({"module"})),
-            page_id="module-b",
-            level="module",
-            source_files=["b.c"],
-        ),
-        "pkg": row("pkg", "x.c", level="package"),
-    }
+    hooked = Hooked(lambda: setattr(m, "PINNED_LEVELS", frozenset({"module"})), **row("module-b", "b.c"))
+    existing = store(row("module-a", "a.c"), hooked, row("pkg", "x.c", level="package"))
     fresh = [plan("fam", children=["fam-1"]), plan("fam-1", "x.c")]
-    result = m._demote_unrecorded_families(fresh, existing)
-    return [p.page_id for p in result], ["fam", "fam-1"]
+    return ids(m._demote_unrecorded_families(fresh, existing)), ["fam", "fam-1"]
 
 
 def kept_plan_renamed_before_extension(m: ModuleType, patch: pytest.MonkeyPatch) -> Any:
@@ -130,10 +101,9 @@ def kept_plan_renamed_before_extension(m: ModuleType, patch: pytest.MonkeyPatch)
     patch.setattr(m, "amend", at_first_call(m.amend, lambda: setattr(fresh[0], "page_id", "module-m")))
     live = {"old.c", "n/1.c", "n/2.c", "n/3.c", "n/4.c"}
     plans, amendments, _ = m.pin_plan(fresh, {"module-old": row("module-old", "old.c")}, live)
-    return (sorted((p.page_id, tuple(p.source_files)) for p in plans), reasons(amendments)), (
-        [("module-m", ("n/1.c", "n/2.c")), ("module-old", ("old.c",))],
-        [("add", "module-n", "new subsystem (2 files)"), ("extend", "module-n", "2 new source file(s) absorbed")],
-    )
+    got = sorted((p.page_id, tuple(p.source_files)) for p in plans), reasons(amendments)
+    extended = [("add", "module-n", "new subsystem (2 files)"), ("extend", "module-n", "2 new source file(s) absorbed")]
+    return got, ([("module-m", ("n/1.c", "n/2.c")), ("module-old", ("old.c",))], extended)
 
 
 def count_after_the_setter(m: ModuleType, patch: pytest.MonkeyPatch) -> Any:
@@ -141,10 +111,8 @@ def count_after_the_setter(m: ModuleType, patch: pytest.MonkeyPatch) -> Any:
     fresh = [plan("module-old", "old.c"), Growing(page_id="module-n", source_files=["n/1.c", "n/2.c"])]
     patch.setattr(Growing, "armed", True)
     plans, amendments, _ = m.pin_plan(fresh, {"module-old": row("module-old", "old.c")}, {"old.c", "n/1.c", "n/2.c"})
-    return (reasons(amendments), fresh[1].source_files), (
-        [("add", "module-n", "new subsystem (3 files)")],
-        ["n/1.c", "n/2.c", "n/extra.c"],
-    )
+    expected = [("add", "module-n", "new subsystem (3 files)")], ["n/1.c", "n/2.c", "n/extra.c"]
+    return (reasons(amendments), fresh[1].source_files), expected
 
 
 def stored_keys_changed_while_walked(m: ModuleType, patch: pytest.MonkeyPatch) -> Any:
@@ -174,16 +142,15 @@ def build_order_list_cleared(m: ModuleType, patch: pytest.MonkeyPatch) -> Any:
             return object.__getattribute__(self, name)
 
     plans = [plan("a", importance_score=0.1), Clearing(page_id="b", importance_score=0.9), plan("c", level="overview")]
-    return [p.page_id for p in m._by_importance(list(plans))], ["c", "b", "a"]
+    return ids(m._by_importance(list(plans))), ["c", "b", "a"]
 
 
 def norm_rebound_in_page_changes(m: ModuleType, patch: pytest.MonkeyPatch) -> Any:
     # The first _norm rebinds the name: the next path goes through the new one.
     seen: list[Any] = []
+    report = {"removed": [], "modified": []}
     patch.setattr(
-        m,
-        "changed_files",
-        lambda stored, current, planned: seen.append((dict(stored), set(planned))) or {"removed": [], "modified": []},
+        m, "changed_files", lambda stored, current, planned: seen.append((dict(stored), set(planned))) or report
     )
     patch.setattr(m, "_norm", at_first_call(m._norm, lambda: setattr(m, "_norm", lambda p: "N/" + p)))
     row_ = {"content_hash": "c", "source_hashes": {"a.c": "h"}}
@@ -195,11 +162,8 @@ def steering_sentinel_rebound_in_page_changes(m: ModuleType, patch: pytest.Monke
     # A recorded path's comparison with the sentinel rebinds it: the next entry is
     # compared with the new sentinel and left out.
     seen: list[Any] = []
-    patch.setattr(
-        m,
-        "changed_files",
-        lambda stored, current, planned: seen.append(sorted(stored)) or {"removed": [], "modified": []},
-    )
+    report = {"removed": [], "modified": []}
+    patch.setattr(m, "changed_files", lambda stored, current, planned: seen.append(sorted(stored)) or report)
     patch.setattr(m, "STEERING_SENTINEL", m.STEERING_SENTINEL)
     patch.setattr(Sweeper, "module", m)
     row_ = {"content_hash": "c", "source_hashes": {Sweeper("a.c"): "h", "later.c": "h", "b.c": "h"}}
@@ -219,11 +183,8 @@ def member_before_the_plan_compared(m: ModuleType, patch: pytest.MonkeyPatch) ->
 
         __hash__ = object.__hash__
 
-    fresh = [
-        Counting(page_id="module-c", source_files=["c.c"]),
-        *(plan(f"module-{i}", f"{i}.c") for i in range(9)),
-        plan("overview", level="overview"),
-    ]
+    fresh = [Counting(page_id="module-c", source_files=["c.c"]), *(plan(f"module-{i}", f"{i}.c") for i in range(9)),
+             plan("overview", level="overview")]  # fmt: skip
     m.pin_plan(fresh, {}, {"c.c", *(f"{i}.c" for i in range(9))})
     return Counting.calls, 1
 
@@ -236,18 +197,10 @@ def host(m: ModuleType) -> Any:
     return Host()
 
 
-CASES = [
-    pinned_levels_in_step_10,
-    catch_all_pattern_in_demotion,
-    pinned_levels_in_demotion,
-    kept_plan_renamed_before_extension,
-    count_after_the_setter,
-    stored_keys_changed_while_walked,
-    build_order_list_cleared,
-    norm_rebound_in_page_changes,
-    steering_sentinel_rebound_in_page_changes,
-    member_before_the_plan_compared,
-]
+CASES = [pinned_levels_in_step_10, catch_all_pattern_in_demotion, pinned_levels_in_demotion,
+         kept_plan_renamed_before_extension, count_after_the_setter, stored_keys_changed_while_walked,
+         build_order_list_cleared, norm_rebound_in_page_changes, steering_sentinel_rebound_in_page_changes,
+         member_before_the_plan_compared]  # fmt: skip
 
 
 @pytest.mark.parametrize("case", CASES, ids=[case.__name__ for case in CASES])

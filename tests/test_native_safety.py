@@ -112,16 +112,8 @@ def test_mark_synthesis_stale_reads_ids_as_the_list_holds_them(native: ModuleTyp
         Host()._mark_synthesis_stale(["b", marker, "a"])
         return calls
 
-    assert (
-        run(native)
-        == run(twin)
-        == [
-            (
-                "UPDATE wiki_pages SET source_hashes = ? WHERE branch = ? AND page_id IN (?,?,?)",
-                ('{"__stale__": "pending"}', "main"),
-            )
-        ]
-    )
+    sql = "UPDATE wiki_pages SET source_hashes = ? WHERE branch = ? AND page_id IN (?,?,?)"
+    assert run(native) == run(twin) == [(sql, ('{"__stale__": "pending"}', "main"))]
 
 
 @pytest.mark.parametrize("shift", [0, 50, 62])
@@ -130,11 +122,8 @@ def test_stored_keys_that_differ_in_their_high_bits_index_like_a_dict(
 ) -> None:
     """Line numbers i << shift, signed and past 64 bits, and True for 1."""
     lines = [i << shift for i in range(-40, 40)] + [True, 1 << 64]
-    citations = [
-        {"path": "a.py", "line_start": n, "line_end": m, "symbol": f"s{n}.{m}"}
-        for n in lines
-        for m in (1, 1 << shift, True)
-    ]
+    ends = (1, 1 << shift, True)
+    citations = [{"path": "a.py", "line_start": n, "line_end": m, "symbol": f"s{n}.{m}"} for n in lines for m in ends]
     cited = " ".join(f"[[a.py:{n}-{m}]]" for n in (0, 1, 5 << shift, 1 << 64) for m in (1, 1 << shift))
     body = f"lead [[a.py:1-1]]\n## S\n{cited} [[a.py:2-2]]"
     entries = native.section_map(body, citations, {})

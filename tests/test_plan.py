@@ -13,43 +13,18 @@ import pytest
 
 from malde_ostrel.workers.wiki.types import PagePlan
 
-
-def plan(page_id: str, *files: str, level: str = "module", **fields: Any) -> PagePlan:
-    return PagePlan(page_id=page_id, level=level, source_files=list(files), **fields)
-
-
-def row(page_id: str, *files: str, **fields: Any) -> dict[str, Any]:
-    return {"page_id": page_id, "level": "module", "source_files": list(files), **fields}
-
-
-def store(*rows: dict[str, Any]) -> dict[str, dict[str, Any]]:
-    return {r["page_id"]: r for r in rows}
-
-
-def ids(plans: list[PagePlan]) -> list[str]:
-    return [p.page_id for p in plans]
-
-
-def reasons(amendments: list[dict[str, Any]]) -> list[tuple[str, str, str]]:
-    return [(a["action"], a["page_id"], a["reason"]) for a in amendments]
+from .records import ids, plan, reasons, row, store
 
 
 class TestPlanFromRow:
     def test_full_row(self, impl: ModuleType) -> None:
-        stored = row("module-core", "b.c", "gone.c", "a.c", "b.c", title="Core", level="package")
-        stored.update(importance="high", description="The core.", page_type="code")
-        stored.update(related_pages=["x"], status="fresh", source_hashes={"a.c": "1"})
+        stored = row("module-core", "b.c", "gone.c", "a.c", "b.c", title="Core", level="package", importance="high")
+        stored.update(description="The core.", page_type="code", related_pages=["x"], status="fresh")
+        stored["source_hashes"] = {"a.c": "1"}
         before = copy.deepcopy(stored)
         got = impl._plan_from_row(stored, {"a.c", "b.c"})
-        assert (got.page_id, got.title, got.level, got.importance, got.type) == (
-            "module-core",
-            "Core",
-            "package",
-            "high",
-            "code",
-        )
-        assert got.description == "The core." and got.source_files == ["a.c", "b.c", "b.c"]
-        assert (got.children, got.related_pages, got.parent_section, got.catch_all) == ([], [], None, False)
+        assert got == PagePlan(page_id="module-core", title="Core", level="package", importance="high", type="code",
+                               description="The core.", source_files=["a.c", "b.c", "b.c"], topic=got.topic)  # fmt: skip
         assert stored == before
 
     @pytest.mark.parametrize("files", [None, [], "absent"])
@@ -58,8 +33,7 @@ class TestPlanFromRow:
         if files != "absent":
             stored["source_files"] = files
         got = impl._plan_from_row(stored, {"a"})
-        assert (got.title, got.level, got.importance, got.type) == ("p", "module", "medium", "")
-        assert got.description == "The p page (0 files)." and got.source_files == []
+        assert got == PagePlan(page_id="p", title="p", description="The p page (0 files).", topic=got.topic)
 
     def test_description_and_topic_count_live_files_under_the_title(
         self, impl: ModuleType, monkeypatch: pytest.MonkeyPatch
@@ -71,61 +45,41 @@ class TestPlanFromRow:
         got = impl._plan_from_row({"page_id": "p", "title": 7}, set())
         assert (got.title, got.description, got.topic) == (7, "The 7 page (0 files).", (7, []))
 
-    @pytest.mark.parametrize(
-        ("page_id", "expected"),
-        [
-            ("module-additional", True),
-            ("module-additional-4", True),
-            ("module-additional-\u0664", True),
-            ("module-additional\n", True),
-            ("module-additional-x", False),
-            ("module-additional-", False),
-            ("module-additional-4\n\n", False),
-            ("module-core", False),
-        ],
-    )
-    def test_catch_all_flag(self, impl: ModuleType, page_id: str, expected: bool) -> None:
-        assert impl._plan_from_row({"page_id": page_id}, set()).catch_all is expected
+    @pytest.mark.parametrize("suffix", ["", "-4", "-\u0664", "\n", "-x", "-", "-4\n\n", "-core"])
+    def test_catch_all_flag(self, impl: ModuleType, suffix: str) -> None:
+        got = impl._plan_from_row({"page_id": "module-additional" + suffix}, set()).catch_all
+        assert got is (suffix in ("", "-4", "-\u0664", "\n"))
 
 
 class TestPinnedAssembly:
     def test_worked_example(self, impl: ModuleType) -> None:
-        existing = store(
-            row("module-core", "core/a.c", "core/b.c"), row("module-additional", "x.c", title="Other code")
-        )
+        existing = store(row("module-core", "core/a.c", "core/b.c"),
+                         row("module-additional", "x.c", title="Other code"))  # fmt: skip
         live = {"core/a.c", "core/b.c", "x.c", "api/h.c", "api/i.c", "tools/t.c"}
-        fresh = [
-            plan("module-core", "core/a.c", "core/b.c"),
-            plan("module-api", "api/h.c", "api/i.c"),
-            plan("module-tools", "tools/t.c"),
-        ]
+        fresh = [plan("module-core", "core/a.c", "core/b.c"), plan("module-api", "api/h.c", "api/i.c"),
+                 plan("module-tools", "tools/t.c")]  # fmt: skip
         before = copy.deepcopy((existing, live))
         plans, amendments, remap = impl.pin_plan(fresh, existing, live)
         assert ids(plans) == ["module-core", "module-api", "module-additional"]
         assert plans[0] is fresh[0] and plans[1] is fresh[1]
-        other = plans[2]
-        assert (other.title, other.source_files, other.catch_all) == ("Other code", ["tools/t.c", "x.c"], True)
-        assert (other.level, other.importance, other.type) == ("module", "low", impl.OTHER_CODE_TYPE)
-        assert other.description == "Remaining modules and files (2 files)."
-        assert other.topic == "additional modules utilities helpers t.c x.c"
+        assert plans[2] == PagePlan(
+            page_id="module-additional", title="Other code", importance="low", type=impl.OTHER_CODE_TYPE,
+            description="Remaining modules and files (2 files).", topic="additional modules utilities helpers t.c x.c",
+            source_files=["tools/t.c", "x.c"], catch_all=True)  # fmt: skip
         assert reasons(amendments) == [("add", "module-api", "new subsystem (2 files)")]
         assert dict(remap) == {} and remap.merged == {}
         assert (existing, live) == before
 
     def test_kept_rebuilt_retired_and_fresh_under_a_stored_id(self, impl: ModuleType) -> None:
-        existing = store(
-            row("module-a", "a/1.c"), row("module-b", "b/1.c"), row("module-c", "c/1.c"), row("module-d", "gone.c")
-        )
+        existing = store(*(row(f"module-{d}", f"{d}/1.c") for d in "abc"), row("module-d", "gone.c"))
         live = {"a/1.c", "c/1.c", "c/2.c", "c/3.c", "d/1.c", "x/stray.c"}
         fresh = [plan("module-c", "c/1.c", "c/2.c", "c/3.c"), plan("module-d", "d/1.c")]
         plans, amendments, _ = impl.pin_plan(fresh, existing, live)
         by_id = {p.page_id: p for p in plans}
         assert sorted(by_id) == ["module-a", "module-additional", "module-c", "module-d"]
         # A live path that no plan holds goes to a new catch-all page.
-        assert (by_id["module-additional"].title, by_id["module-additional"].source_files) == (
-            "Other code",
-            ["x/stray.c"],
-        )
+        stray = by_id["module-additional"]
+        assert (stray.title, stray.source_files) == ("Other code", ["x/stray.c"])
         assert by_id["module-a"].source_files == ["a/1.c"] and by_id["module-a"] not in fresh
         assert by_id["module-c"] is fresh[0] and fresh[0].source_files == ["c/1.c", "c/2.c", "c/3.c"]
         assert by_id["module-d"] is fresh[1]
@@ -149,35 +103,23 @@ class TestPinnedAssembly:
     def test_new_page_ids_are_kept_once(self, impl: ModuleType) -> None:
         existing = store(row("module-old", "old.c"))
         live = {"old.c", "n/1.c", "n/2.c", "n/3.c", "n/4.c", "n/5.c"}
-        fresh = [
-            plan("module-old", "old.c"),
-            plan("module-n", "n/2.c", "n/1.c"),
-            plan("module-n", "n/3.c", "n/4.c", "n/1.c"),
-            plan("module-m", "n/4.c", "n/5.c"),
-        ]
+        fresh = [plan("module-old", "old.c"), plan("module-n", "n/2.c", "n/1.c"),
+                 plan("module-n", "n/3.c", "n/4.c", "n/1.c"), plan("module-m", "n/4.c", "n/5.c")]  # fmt: skip
         plans, amendments, _ = impl.pin_plan(fresh, existing, live)
         assert ids(plans) == ["module-old", "module-n", "module-additional"]
         assert plans[1] is fresh[1] and fresh[1].source_files == ["n/1.c", "n/2.c", "n/3.c", "n/4.c"]
         assert plans[2].source_files == ["n/5.c"]
-        assert reasons(amendments) == [
-            ("add", "module-n", "new subsystem (2 files)"),
-            ("extend", "module-n", "2 new source file(s) absorbed"),
-        ]
+        assert reasons(amendments) == [("add", "module-n", "new subsystem (2 files)"),
+                                       ("extend", "module-n", "2 new source file(s) absorbed")]  # fmt: skip
 
-    @pytest.mark.parametrize(
-        ("new_files", "catch_all", "expected_ids", "added"),
-        [
-            (["n/1.c"], False, ["module-old", "module-additional"], []),
-            (["n/1.c", "n/2.c"], False, ["module-old", "module-n"], [("add", "module-n", "new subsystem (2 files)")]),
-            (["n/1.c", "n/2.c", "n/3.c"], True, ["module-old", "module-additional"], []),
-        ],
-    )
-    def test_new_paths_make_a_page_from_two_files(
-        self, impl: ModuleType, new_files: list[str], catch_all: bool, expected_ids: list[str], added: list[Any]
-    ) -> None:
+    @pytest.mark.parametrize(("count", "catch_all"), [(1, False), (2, False), (3, True)])
+    def test_new_paths_make_a_page_from_two_files(self, impl: ModuleType, count: int, catch_all: bool) -> None:
+        new_files = [f"n/{i}.c" for i in range(count, 0, -1)]
         fresh = [plan("module-old", "old.c"), plan("module-n", "old.c", *new_files, catch_all=catch_all)]
         plans, amendments, _ = impl.pin_plan(fresh, store(row("module-old", "old.c")), {"old.c", *new_files})
-        assert ids(plans) == expected_ids and reasons(amendments) == added
+        made = count == 2 and not catch_all
+        assert ids(plans) == ["module-old", "module-n" if made else "module-additional"]
+        assert reasons(amendments) == ([("add", "module-n", "new subsystem (2 files)")] if made else [])
         assert plans[-1].source_files == sorted(new_files)
 
     def test_stored_catch_all_kept_and_retired(self, impl: ModuleType) -> None:
@@ -188,12 +130,8 @@ class TestPinnedAssembly:
         plans, amendments, _ = impl.pin_plan(fresh, existing, {"c.c", *files})
         assert ids(plans) == ["module-core", "module-additional-2"]
         misc = plans[-1]
-        assert (misc.page_id, misc.title, misc.level, misc.importance) == (
-            "module-additional-2",
-            "Misc",
-            "module",
-            "low",
-        )
+        assert (misc.page_id, misc.title, misc.level, misc.importance) == ("module-additional-2", "Misc", "module",
+                                                                           "low")  # fmt: skip
         assert misc.description == "Remaining modules and files (14 files)." and amendments == []
         assert misc.topic.split()[4:] == [path.split("/")[1] for path in sorted(files)[:12]]
         existing["module-additional-2"]["source_files"] = ["gone.c"]
@@ -203,20 +141,14 @@ class TestPinnedAssembly:
 
     def test_code_pages_last_by_score(self, impl: ModuleType) -> None:
         existing = store(row("module-a", "a.c"), row("module-b", "b.c"))
-        fresh = [
-            plan("module-a", "a.c", importance_score=0.2),
-            plan("overview", level="overview"),
-            plan("module-b", "b.c", importance_score=0.9),
-        ]
+        fresh = [plan("module-a", "a.c", importance_score=0.2), plan("overview", level="overview"),
+                 plan("module-b", "b.c", importance_score=0.9)]  # fmt: skip
         plans, amendments, _ = impl.pin_plan(fresh, existing, {"a.c", "b.c"})
         assert ids(plans) == ["overview", "module-b", "module-a"]
         assert reasons(amendments) == [("add", "overview", "new overview page")]
         assert amendments[0]["level"] == "overview"
-        scored = [
-            plan("c", importance_score=1),
-            plan("n", level="overview", importance_score=5),
-            plan("d", importance_score=3),
-        ]
+        scored = [plan("c", importance_score=1), plan("n", level="overview", importance_score=5),
+                  plan("d", importance_score=3)]  # fmt: skip
         assert ids(impl._by_importance(scored)) == ["n", "d", "c"]
 
 
@@ -228,10 +160,8 @@ class TestFamilies:
         fresh = [plan("P", children=["P-a", "P-c"]), plan("P-a", "a.c"), plan("P-c", "b.c", "c.c")]
         plans, amendments, remap = impl.pin_plan(fresh, self.stored_family(), {"a.c", "b.c", "c.c"})
         assert ids(plans) == ids(fresh) and remap.merged == {"P-c": ["P-b"]}
-        assert reasons(amendments) == [
-            ("retire", "P-b", "module re-chunked; superseded child"),
-            ("add", "P-c", "new module page"),
-        ]
+        assert reasons(amendments) == [("retire", "P-b", "module re-chunked; superseded child"),
+                                       ("add", "P-c", "new module page")]  # fmt: skip
 
     @pytest.mark.parametrize("beside", [False, True])
     def test_collapsed_family_pins_the_parent_id(self, impl: ModuleType, beside: bool) -> None:
@@ -240,9 +170,8 @@ class TestFamilies:
         fresh = [plan("P", "a.c", "b.c"), *([plan("module-x", "x.c")] if beside else [])]
         plans, amendments, remap = impl.pin_plan(fresh, existing, {"a.c", "b.c", *(["x.c"] if beside else [])})
         assert ids(plans) == ids(fresh) and plans[0] is fresh[0]
-        assert reasons(amendments) == [
-            ("retire", kid, "module no longer oversized; decomposition collapsed") for kid in ("P-a", "P-b")
-        ]
+        collapsed = "module no longer oversized; decomposition collapsed"
+        assert reasons(amendments) == [("retire", kid, collapsed) for kid in ("P-a", "P-b")]
         assert remap.merged == {"P": ["P-a", "P-b"]}
 
     def test_family_left_alone_is_rebuilt_with_one_list(
@@ -256,13 +185,8 @@ class TestFamilies:
         monkeypatch.setattr(impl, "unit_topic", lambda title, files: (title, list(files)))
         plans, amendments, _ = impl.pin_plan([plan("other", "o.c")], existing, {"a.c", "o.c", "q.c"})
         q = next(p for p in plans if p.page_id == "Q")
-        assert (q.title, q.description, q.level, q.importance, q.children) == (
-            "Q t",
-            "Q d",
-            "package",
-            "medium",
-            ["Q-a"],
-        )
+        assert (q.title, q.description, q.level) == ("Q t", "Q d", "package")
+        assert (q.importance, q.children) == ("medium", ["Q-a"])
         parent = next(p for p in plans if p.page_id == "P")
         assert parent.children == ["P-a"] and parent.children is parent.related_pages
         assert (parent.title, parent.description, parent.source_files) == ("P", "The P page.", [])
@@ -272,19 +196,13 @@ class TestFamilies:
 
     def test_family_with_no_surviving_children_retires(self, impl: ModuleType) -> None:
         _, amendments, _ = impl.pin_plan([plan("other", "o.c")], self.stored_family(), {"o.c"})
-        assert reasons(amendments) == [
-            ("retire", "P-a", "all source files gone"),
-            ("retire", "P-b", "all source files gone"),
-            ("retire", "P", "all decomposed children retired"),
-        ]
+        gone = [("retire", kid, "all source files gone") for kid in ("P-a", "P-b")]
+        assert reasons(amendments) == [*gone, ("retire", "P", "all decomposed children retired")]
 
     def test_unrecorded_family_colliding_with_pinned_files_is_demoted(self, impl: ModuleType) -> None:
         existing = store(row("module-src", "s/1.c", "s/2.c"))
-        fresh = [
-            plan("module-pkg", children=["module-pkg-a", "module-pkg-b", "absent"], parent_section="Pkg"),
-            plan("module-pkg-a", "s/1.c"),
-            plan("module-pkg-b", "t/1.c"),
-        ]
+        fresh = [plan("module-pkg", children=["module-pkg-a", "module-pkg-b", "absent"], parent_section="Pkg"),
+                 plan("module-pkg-a", "s/1.c"), plan("module-pkg-b", "t/1.c")]  # fmt: skip
         result = impl._demote_unrecorded_families(fresh, existing)
         assert result == fresh[1:] and result[0] is fresh[1]
         assert fresh[1].parent_section == fresh[2].parent_section == "Pkg"
@@ -293,12 +211,8 @@ class TestFamilies:
 
     @pytest.mark.parametrize("case", ["stored parent", "no collision", "non-code parent", "nothing pinned"])
     def test_family_stays_whole(self, impl: ModuleType, case: str) -> None:
-        existing = store(
-            row("module-src", "s/1.c"),
-            row("custom-x", "t/1.c"),
-            row("module-additional", "t/1.c"),
-            row("o", "t/1.c", level="overview"),
-        )
+        existing = store(row("module-src", "s/1.c"), row("custom-x", "t/1.c"), row("module-additional", "t/1.c"),
+                         row("o", "t/1.c", level="overview"))  # fmt: skip
         parent, part = plan("module-pkg", children=["module-pkg-a"]), plan("module-pkg-a", "s/1.c")
         if case == "stored parent":
             existing["module-pkg"] = row("module-pkg", "s/9.c")
@@ -319,29 +233,20 @@ class TestPassThroughAndPaths:
         fresh = [plan("module-a", "a.c"), plan("overview", level="overview"), plan("custom-faq", "a.c")]
         plans, amendments, _ = impl.pin_plan(fresh, {}, {"a.c"})
         assert all(p is q for p, q in zip(plans, fresh, strict=True))
-        assert reasons(amendments) == [
-            ("add", "overview", "new overview page"),
-            ("add", "custom-faq", "new module page"),
-        ]
+        assert reasons(amendments) == [("add", "overview", "new overview page"),
+                                       ("add", "custom-faq", "new module page")]  # fmt: skip
 
     def test_steering_and_non_code_retirements(self, impl: ModuleType) -> None:
-        existing = store(
-            row("module-a", "a.c"),
-            row("custom-faq", level="guide"),
-            row("overview", level="overview"),
-            row("note-1", level="note"),
-            row("custom-keep", "a.c"),
-            row("custom-kept", "k.c"),
-            row("custom-old", related_pages=["module-a"]),  # a steering page never heads a stored family
-        )
+        # A steering page (custom-old) never heads a stored family.
+        existing = store(row("module-a", "a.c"), row("custom-faq", level="guide"), row("overview", level="overview"),
+                         row("note-1", level="note"), row("custom-keep", "a.c"), row("custom-kept", "k.c"),
+                         row("custom-old", related_pages=["module-a"]))  # fmt: skip
         fresh = [plan("module-a", "a.c"), plan("custom-keep", "a.c"), plan("custom-kept", "k.c", level="guide")]
         plans, amendments, _ = impl.pin_plan(fresh, existing, {"a.c", "k.c"})
         assert reasons(amendments) == [
-            ("retire", "custom-faq", "removed from steering"),
-            ("retire", "custom-old", "removed from steering"),
+            ("retire", "custom-faq", "removed from steering"), ("retire", "custom-old", "removed from steering"),
             ("retire", "custom-faq", "guide page no longer planned"),
-            ("retire", "overview", "overview page no longer planned"),
-        ]
+            ("retire", "overview", "overview page no longer planned")]  # fmt: skip
         assert [a.get("level") for a in amendments] == [None, None, "guide", "overview"]
         assert sorted(ids(plans)) == ["custom-keep", "custom-kept", "module-a"]
 

@@ -12,6 +12,8 @@ import pytest
 from malde_ostrel.workers.wiki.steering import STEERING_SENTINEL
 from malde_ostrel.workers.wiki.types import PagePlan
 
+from .records import plan
+
 STALE_MARK = {"__stale__": "pending"}
 
 
@@ -52,22 +54,14 @@ def host(impl: ModuleType, existing: Any = None, hashes: dict[str, str] | None =
     return Host()
 
 
-def plan(page_id: str, *files: str, **fields: Any) -> PagePlan:
-    return PagePlan(page_id=page_id, source_files=list(files), **fields)
-
-
 class TestSkeleton:
     def test_rows_written_and_counted(self, impl: ModuleType, monkeypatch: pytest.MonkeyPatch) -> None:
         monkeypatch.setattr(impl, "section_of", lambda p: f"section of {p.page_id}")
         h = host(impl, existing={"module-stored": {}})
-        plans = [
-            plan("module-a", "a.c", title="A", description=None, importance="", related_pages=["x"]),
-            plan("P", level="package", children=["P-a", "P-b"], related_pages=["other"], title="P", type="t"),
-            plan("custom-faq", "a.c"),
-            plan("overview", "a.c", level="overview"),
-            plan("module-empty"),
-            plan("module-stored", "s.c"),
-        ]
+        plans = [plan("module-a", "a.c", title="A", description=None, importance="", related_pages=["x"]),
+                 plan("P", level="package", children=["P-a", "P-b"], related_pages=["other"], title="P", type="t"),
+                 plan("custom-faq", "a.c"), plan("overview", "a.c", level="overview"), plan("module-empty"),
+                 plan("module-stored", "s.c")]  # fmt: skip
         assert h._persist_plan_skeleton(plans) == 2
         begin, first, second, end = h.log
         assert begin == ("begin",) and end == ("end", None)
@@ -110,22 +104,13 @@ class TestStaleSelection:
             assert h._select_stale([], existing, force) == set() and h.log == []
 
     def test_rows_compared_by_their_own_hashes(self, impl: ModuleType) -> None:
-        existing = {
-            "fresh": {"source_hashes": {"a.c": "h1", STEERING_SENTINEL: "s1"}},
-            "edited": {"source_hashes": {"a.c": "old", STEERING_SENTINEL: "s1"}},
-            "parent": {"source_files": ["b.c"], "source_hashes": {"b.c": "h2", STEERING_SENTINEL: "s1"}},
-            "skeleton": {"source_hashes": STALE_MARK},
-            "no-hashes": {},
-        }
+        existing = {"fresh": {"source_hashes": {"a.c": "h1", STEERING_SENTINEL: "s1"}},
+                    "edited": {"source_hashes": {"a.c": "old", STEERING_SENTINEL: "s1"}},
+                    "parent": {"source_files": ["b.c"], "source_hashes": {"b.c": "h2", STEERING_SENTINEL: "s1"}},
+                    "skeleton": {"source_hashes": STALE_MARK}, "no-hashes": {}}  # fmt: skip
         h = host(impl, hashes={"a.c": "h1", "b.c": "h2"})
-        plans = [
-            plan("fresh", "a.c"),
-            plan("edited", "a.c"),
-            plan("parent"),
-            plan("skeleton", "a.c"),
-            plan("no-hashes"),
-            plan("new", "a.c"),
-        ]
+        plans = [plan("fresh", "a.c"), plan("edited", "a.c"), plan("parent"), plan("skeleton", "a.c"),
+                 plan("no-hashes"), plan("new", "a.c")]  # fmt: skip
         assert h._select_stale(plans, existing, False) == {"edited", "skeleton", "no-hashes", "new"}
         assert ("hash+steering", ["b.c"]) in h.log and ("hash+steering", []) in h.log and len(h.log) == 5
 
@@ -134,13 +119,8 @@ class TestSynthesisMarking:
     def test_one_statement_with_sorted_distinct_ids(self, impl: ModuleType) -> None:
         h = host(impl)
         h._mark_synthesis_stale(iter(["b", "a", "b"]))
-        assert h.log == [
-            (
-                "execute",
-                "UPDATE wiki_pages SET source_hashes = ? WHERE branch = ? AND page_id IN (?,?)",
-                ('{"__stale__": "pending"}', "main", "a", "b"),
-            )
-        ]
+        sql = "UPDATE wiki_pages SET source_hashes = ? WHERE branch = ? AND page_id IN (?,?)"
+        assert h.log == [("execute", sql, ('{"__stale__": "pending"}', "main", "a", "b"))]
 
     def test_nothing_executed_for_no_ids(self, impl: ModuleType) -> None:
         h = host(impl)
@@ -152,13 +132,9 @@ class TestSynthesisMarking:
 
 class TestSectionCacheAndChanges:
     BODY = "intro\n## Load\nsee [[src/load.c:1-5]] and [[src/io.c:2-3]]\n## Other\nnone"
-    CITATIONS = [
-        {"path": "src/load.c", "line_start": 1, "line_end": 5, "symbol": "load_all"},
-        {"path": "src/io.c", "line_start": 2, "line_end": 3},
-        {"path": "src/io.c", "line_start": 9, "line_end": 9},
-        {"path": ""},
-        {"line_start": 1},
-    ]
+    CITATIONS = [{"path": "src/load.c", "line_start": 1, "line_end": 5, "symbol": "load_all"},
+                 {"path": "src/io.c", "line_start": 2, "line_end": 3}, {"path": "src/io.c", "line_start": 9, "line_end": 9},
+                 {"path": ""}, {"line_start": 1}]  # fmt: skip
 
     def test_section_cache(self, impl: ModuleType) -> None:
         h = host(impl, hashes={"src/io.c": "h1"})
@@ -174,11 +150,8 @@ class TestSectionCacheAndChanges:
 
     def test_change_report(self, impl: ModuleType) -> None:
         cache = host(impl, hashes={"src/io.c": "h1", "src/load.c": "L"})._section_cache(self.BODY, self.CITATIONS)
-        row = {
-            "content_hash": "c",
-            "build_cache": cache,
-            "source_hashes": {"src/io.c": "stale", "own.c": "o", STEERING_SENTINEL: "s", **STALE_MARK},
-        }
+        hashes = {"src/io.c": "stale", "own.c": "o", STEERING_SENTINEL: "s", **STALE_MARK}
+        row = {"content_hash": "c", "build_cache": cache, "source_hashes": hashes}
         h = host(impl, hashes={"src/io.c": "h2", "own.c": "o", "new.c": "n"})
         report = h._page_changes(plan("p", "./new.c", "own.c"), row)
         assert list(report) == ["changed_files", "stale_sections"]
@@ -206,10 +179,7 @@ class TestSectionCacheAndChanges:
     @pytest.mark.parametrize(("key", "value"), [("source_hashes", "abc"), ("file_hashes", ["a"])])
     def test_recorded_hashes_must_be_mappings(self, impl: ModuleType, key: str, value: Any) -> None:
         row: dict[str, Any] = {"content_hash": "c", "build_cache": {}}
-        if key == "source_hashes":
-            row["source_hashes"] = value
-        else:
-            row["build_cache"] = {"file_hashes": value}
+        (row["build_cache"] if key == "file_hashes" else row)[key] = value
         name = type(value).__name__
         with pytest.raises(TypeError, match=rf"^'{name}' object is not a mapping$"):
             host(impl)._page_changes(plan("p"), row)

@@ -93,16 +93,13 @@ def test_mixin_class(impl: ModuleType) -> None:
 
     host = type("Host", (cls,), {})()
     assert isinstance(host._select_stale, types.MethodType) and host._select_stale([], {}, True) == set()
-    with pytest.raises(
-        TypeError, match=r"^PlanRecordMixin._select_stale\(\) missing 1 required positional argument: 'force'$"
-    ):
+    missing = r"^PlanRecordMixin._select_stale\(\) missing 1 required positional argument: 'force'$"
+    with pytest.raises(TypeError, match=missing):
         host._select_stale([], {})
 
 
 class TestCallTimeLookup:
-    def test_rebound_collaborator_and_pattern(self, impl: ModuleType, monkeypatch: pytest.MonkeyPatch) -> None:
-        monkeypatch.setattr(impl, "unit_topic", lambda title, files: ("topic", title, tuple(files)))
-        assert impl._plan_from_row({"page_id": "p", "source_files": ["a"]}, {"a"}).topic == ("topic", "p", ("a",))
+    def test_rebound_patterns(self, impl: ModuleType, monkeypatch: pytest.MonkeyPatch) -> None:
         monkeypatch.setattr(impl, "_CATCH_ALL_RE", re.compile("misc"))
         assert impl._plan_from_row({"page_id": "misc-1"}, set()).catch_all is True
         assert impl._plan_from_row({"page_id": "module-additional"}, set()).catch_all is False

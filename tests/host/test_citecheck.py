@@ -2,7 +2,6 @@
 
 from __future__ import annotations
 
-import subprocess
 from pathlib import Path
 
 import pytest
@@ -11,27 +10,17 @@ from malde_ostrel.workers.wiki.citecheck import check, covered
 from malde_ostrel.workers.wiki.repo_scan import snapshot
 from malde_ostrel.workers.wiki.types import PagePlan
 
-
-def git(repo: Path, *args: str) -> None:
-    subprocess.run(["git", "-c", "user.name=t", "-c", "user.email=t@t", "-c",
-                    "init.defaultBranch=main", *args],
-                   cwd=repo, check=True, capture_output=True)  # fmt: skip
+from .gitrepo import change, git, make_repo
 
 
 @pytest.fixture(scope="module")
 def repo(tmp_path_factory: pytest.TempPathFactory) -> Path:
     """main: src/x.py (30 lines), src/y.py (6), raw.bin (3, not UTF-8); branch side: x.py has 10."""
     root = tmp_path_factory.mktemp("repo")
-    (root / "src").mkdir()
-    for name, data in [("src/x.py", b"x\n" * 10), ("src/y.py", b"y\n" * 5 + b"last"),
-                       ("raw.bin", b"\xff\n\xfe\n\xfd")]:  # fmt: skip
-        (root / name).write_bytes(data)
-    git(root, "init", "-q")
-    git(root, "add", ".")
-    git(root, "commit", "-qm", "one")
+    (root / "raw.bin").write_bytes(b"\xff\n\xfe\n\xfd")
+    make_repo(root, {"src/x.py": "x\n" * 10, "src/y.py": "y\n" * 5 + "last"})
     git(root, "branch", "side")
-    (root / "src/x.py").write_text("x\n" * 30)
-    git(root, "commit", "-qam", "two")
+    change(root, {"src/x.py": "x\n" * 30})
     return root
 
 
@@ -62,9 +51,5 @@ def test_covered_files_of_parents_and_overview_pages() -> None:
     parts = [PagePlan(page_id=f"d-{n}", source_files=[f"d/{n}.py"]) for n in "ab"]
     parent = PagePlan(page_id="d", children=["d-a", "d-b"])
     plans = [PagePlan(page_id="overview", level="overview"), parent, *parts]
-    assert [list(covered(page, plans, ["x"])) for page in plans] == [
-        ["x"],
-        ["d/a.py", "d/b.py"],
-        ["d/a.py"],
-        ["d/b.py"],
-    ]
+    expected = [["x"], ["d/a.py", "d/b.py"], ["d/a.py"], ["d/b.py"]]
+    assert [list(covered(page, plans, ["x"])) for page in plans] == expected

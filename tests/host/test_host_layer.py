@@ -26,14 +26,10 @@ def test_a_family_parent_leaves_with_its_childrens_files() -> None:
 
 
 def test_chosen_titles_follow_their_files_unless_ambiguous() -> None:
-    existing: dict[str, dict[str, Any]] = {
-        "same": {"agent_title": "Chosen", "source_files": ["s.c"]},
-        "plain": {"agent_title": "", "source_files": ["p.c"]},
-        "renamed": {"agent_title": "Loader", "source_files": ["b.c", "a.c"]},
-        # Two stored pages with the same files: no title is taken.
-        "x": {"agent_title": "X", "source_files": ["z.c"]},
-        "y": {"agent_title": "Y", "source_files": ["z.c"]},
-    }
+    # Two stored pages with the same files (x and y): no title is taken.
+    titles = [("same", "Chosen", "s.c"), ("plain", "", "p.c"), ("renamed", "Loader", "b.c a.c"), ("x", "X", "z.c"),
+              ("y", "Y", "z.c")]  # fmt: skip
+    existing: dict[str, dict[str, Any]] = {p: {"agent_title": t, "source_files": f.split()} for p, t, f in titles}
     plans = [plan("same"), plan("plain"), plan("fresh", "a.c", "b.c"), plan("other", "a.c"), plan("z", "z.c")]
     keep_agent_titles(plans, existing)
     assert [p.title for p in plans] == ["Chosen", "T", "Loader", "T", "T"]
@@ -71,26 +67,12 @@ def test_file_hash_is_the_git_blob_id(tmp_path: pathlib.Path) -> None:
 
 def test_citation_forms_in_text_order() -> None:
     text = "Loads [[src/load.c:10-20|load_all]] then [[x.py:7]] and [[C:/w/y.c:5|ns::f]]."
-    assert prose_citations(text) == [
-        {"path": "src/load.c", "line_start": 10, "line_end": 20, "symbol": "load_all"},
-        {"path": "x.py", "line_start": 7, "line_end": 7},
-        {"path": "C:/w/y.c", "line_start": 5, "line_end": 5, "symbol": "ns::f"},
-    ]
+    assert prose_citations(text) == [{"path": "src/load.c", "line_start": 10, "line_end": 20, "symbol": "load_all"},
+                                     {"path": "x.py", "line_start": 7, "line_end": 7},
+                                     {"path": "C:/w/y.c", "line_start": 5, "line_end": 5, "symbol": "ns::f"}]  # fmt: skip
 
 
-@pytest.mark.parametrize(
-    "text",
-    [
-        "[[a b.c:1]]",
-        "[[a.c]]",
-        "[[a.c:x]]",
-        "[[a.c:1-]]",
-        "[a.c:1]",
-        "[[a.c:١٢]]",
-        "[[a.c:1|]]",
-        "[[a.c:1|x|y]]",
-        "[[:1]]",
-    ],
-)
+@pytest.mark.parametrize("text", ["[[a b.c:1]]", "[[a.c]]", "[[a.c:x]]", "[[a.c:1-]]", "[a.c:1]", "[[a.c:١٢]]",
+                                  "[[a.c:1|]]", "[[a.c:1|x|y]]", "[[:1]]"])  # fmt: skip
 def test_malformed_citations_are_ignored(text: str) -> None:
     assert prose_citations(text) == []
