@@ -17,6 +17,7 @@ from typing import Any
 import pytest
 
 from malde_ostrel.workers.wiki import page_retirement, steering
+from malde_ostrel.workers.wiki.types import PagePlan
 
 BINDING_ORDER = """
 annotations json logging re Iterable Sequence datetime Path Any PageRetirementMixin unit_topic
@@ -107,7 +108,16 @@ class TestCallTimeLookup:
         assert impl._sections("# one\n## two") == [("", ""), ("one", "# one\n## two")]
 
     def test_missing_name_raises_name_error(self, impl: ModuleType, monkeypatch: pytest.MonkeyPatch) -> None:
+        # Steps that build no plan never read the name: the same results without it.
+        def unpinned() -> Any:
+            modules = [PagePlan(page_id=f"module-{i}", source_files=[f"{i}.c"]) for i in range(10)]
+            plans = modules + [PagePlan(page_id=f"o{i}", level="overview") for i in range(10)]
+            rows = {"module-1": {"page_id": "module-1", "source_files": ["1.c"]}}
+            return impl.pin_plan(plans, {}, set()), impl._demote_unrecorded_families(plans, rows)
+
+        expected = unpinned()
         monkeypatch.delattr(impl, "PagePlan")
+        assert unpinned() == expected
         with pytest.raises(NameError, match="^name 'PagePlan' is not defined$") as caught:
             impl._plan_from_row({"page_id": "p"}, set())
         assert caught.value.name == "PagePlan"

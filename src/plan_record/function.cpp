@@ -14,6 +14,12 @@ ModuleState& Call::state() const noexcept { return state_of(fn_->module); }
 
 Ref Call::global(PyObject* name) const { return module_global(fn_->module, name); }
 
+Ref Call::global_if_bound(PyObject* name) const {
+  PyObject* found = PyDict_GetItemWithError(PyModule_GetDict(fn_->module), name);
+  if (!found && PyErr_Occurred()) raise();
+  return Ref::borrow(found);
+}
+
 Ref module_global(PyObject* module, PyObject* name) {
   PyObject* globals = PyModule_GetDict(module);  // borrowed, never NULL
   PyObject* found = PyDict_GetItemWithError(globals, name);

@@ -25,6 +25,10 @@ class Call {
   // A module-level name, looked up now in the module's namespace, then in the
   // builtins; NameError as Python raises it when neither holds the name.
   Ref global(PyObject* name) const;
+  // The module namespace's binding of `name`, or an empty Ref: for fast paths
+  // that look up a name the steps themselves do not read, where a missing
+  // name must change nothing but the path taken.
+  Ref global_if_bound(PyObject* name) const;
 
  private:
   Function* fn_;

@@ -168,7 +168,7 @@ class Membership {
     identities_.reserve(static_cast<std::size_t>(count));
     for (Py_ssize_t i = 0; i < count; ++i) identities_.push_back(PyList_GET_ITEM(members, i));
     std::sort(identities_.begin(), identities_.end(), std::less<PyObject*>());
-    if (candidates * count < membership_index_min_pairs) return;
+    if (!record_type || candidates * count < membership_index_min_pairs) return;
     equality_.emplace(n, record_type);
     if (!*equality_) return;
     first_by_id_ = new_dict();
@@ -398,10 +398,11 @@ Ref demote_unrecorded_families(const Call& call, PyObject* fresh_plans, PyObject
   // an id the store lacks, a code-unit level), and reading that runs no Python
   // code, the set is never consulted: the result is a copy of the plans.
   if (all_quiet && PyList_CheckExact(fresh_plans)) {
-    Ref record_type = call.global(n.PagePlan);
+    Ref record_type = call.global_if_bound(n.PagePlan);
     Ref fields = tuple_of({n.page_id, n.children, n.level});
     Ref levels = call.global(n.PINNED_LEVELS);
-    bool no_parent = plain_record_class(record_type.get(), fields.get()) && quiet_levels(levels.get());
+    bool no_parent =
+        record_type && plain_record_class(record_type.get(), fields.get()) && quiet_levels(levels.get());
     for (Py_ssize_t i = 0; no_parent && i < PyList_GET_SIZE(fresh_plans); ++i) {
       PyObject* plan = PyList_GET_ITEM(fresh_plans, i);
       no_parent = Py_TYPE(plan) == reinterpret_cast<PyTypeObject*>(record_type.get());
@@ -727,7 +728,7 @@ class PinPlan {
         PyList_CheckExact(fresh_plans_.get())
             ? PyList_GET_SIZE(fresh_plans_.get()) - PyList_GET_SIZE(fresh_modules_.get())
             : 0;
-    Ref record_type = call_.global(n_.PagePlan);
+    Ref record_type = call_.global_if_bound(n_.PagePlan);
     Membership members(n_, record_type.get(), fresh_modules_.get(), candidates);
     passthrough_ = new_list();
     for_each(fresh_plans_.get(), [&](PyObject* plan) {
