@@ -10,6 +10,7 @@ plans, so OTHERS times PAGES is the work a literal membership test does.
 
     python benchmarks/bench_pin_plan.py [--repeat N] [--svg PATH]
     python benchmarks/bench_pin_plan.py --once native --pages 5000 [--others 10]
+    python benchmarks/bench_pin_plan.py --instructions [--pages 5000]
 
 The table gives the median of the repeats per side (milliseconds of the
 process's CPU time, which other load on a shared machine disturbs far less than
@@ -20,7 +21,10 @@ for an instruction count: the native call alone with
     valgrind --tool=callgrind --toggle-collect='*pin_plan_entry*' \\
         python benchmarks/bench_pin_plan.py --once native --pages 5000
 
-and the twin's as the whole run less the run of `--once none`.
+and the twin's as the whole run less the run of `--once none`. `--instructions`
+does those runs under callgrind and prints the counts: the native call's own
+work and the work inside its collaborators (the calls it makes to Python
+code), the twin's, and their ratio, which a busy machine does not disturb.
 """
 
 from __future__ import annotations
@@ -29,7 +33,11 @@ import argparse
 import gc
 import math
 import random
+import re
 import statistics
+import subprocess
+import sys
+import tempfile
 import time
 from pathlib import Path
 from typing import Any
@@ -129,6 +137,37 @@ def timings(repeat: int, module: Any, case: Scenario) -> list[float]:
     return times
 
 
+def callgrind(side: str, pages: int, others: int, *options: str) -> dict[str, int]:
+    """Instructions of one `--once SIDE` run under callgrind: the total
+    ("Ir"), and with options such as --toggle-collect, by function."""
+    with tempfile.TemporaryDirectory() as out:
+        subprocess.run(
+            ["valgrind", "--tool=callgrind", f"--callgrind-out-file={out}/cg", *options, sys.executable, __file__,
+             "--once", side, "--pages", str(pages), "--others", str(others)],
+            check=True, capture_output=True,
+        )  # fmt: skip
+        totals = subprocess.run(
+            ["callgrind_annotate", "--inclusive=yes", f"{out}/cg"], check=True, capture_output=True, text=True
+        ).stdout
+    counts = {"Ir": int(re.search(r"^([\d,]+) .*PROGRAM TOTALS", totals, re.M)[1].replace(",", ""))}  # type: ignore[index]
+    for number, name in re.findall(r"^ *([\d,]+) \([ \d.]+%\)  \?\?\?:plan_record::(call|call_kw)\(", totals, re.M):
+        counts[name] = int(number.replace(",", ""))
+    return counts
+
+
+def instruction_counts(pages: int, others: int) -> None:
+    base = callgrind("none", pages, others)["Ir"]
+    twin_ir = callgrind("twin", pages, others)["Ir"] - base
+    own = callgrind("native", pages, others, "--toggle-collect=*pin_plan_entry*")
+    native_ir = own["Ir"]
+    collaborators = own.get("call", 0) + own.get("call_kw", 0)
+    print(f"instructions at {pages:,} pages, {others} others (callgrind):")
+    print(f"  native {native_ir / 1e6:8.1f}M  (own {(native_ir - collaborators) / 1e6:.1f}M, "
+          f"collaborators {collaborators / 1e6:.1f}M)")  # fmt: skip
+    print(f"  twin   {twin_ir / 1e6:8.1f}M")
+    print(f"  twin / native {twin_ir / native_ir:.2f}")
+
+
 def svg_plot(rows: list[tuple[int, int, float, float]], path: Path) -> None:
     """Time against pages, native and twin, on log scales; hand-written SVG."""
     width, height, left, right, top, bottom = 640, 420, 70, 150, 40, 50
@@ -206,9 +245,15 @@ def main() -> None:
         choices=("native", "twin", "none"),
         help="call one side once, no timing ('none': build the scenario only)",
     )
-    parser.add_argument("--pages", type=int, default=5_000, help="with --once")
-    parser.add_argument("--others", type=int, default=SERIES_OTHERS, help="with --once")
+    parser.add_argument(
+        "--instructions", action="store_true", help="count instructions under callgrind instead of timing"
+    )
+    parser.add_argument("--pages", type=int, default=5_000, help="with --once or --instructions")
+    parser.add_argument("--others", type=int, default=SERIES_OTHERS, help="with --once or --instructions")
     args = parser.parse_args()
+    if args.instructions:
+        instruction_counts(args.pages, args.others)
+        return
     if args.once:
         fresh, existing, live = scenario(args.pages, args.others)
         gc.collect()
