@@ -14,7 +14,9 @@ the median of a few runs, the wall time and peak memory of:
 
 Wall time, processor time (user and system) and peak memory (the maximum
 resident set) come from ``os.wait4`` on each child; on a busy machine the
-processor time is the steadier figure.
+processor time is the steadier figure. The runs go in rounds, each step once
+after a ``git status``: "x git status" is the median over the rounds of a step's
+wall time over its round's ``git status``.
 """
 
 from __future__ import annotations
@@ -98,27 +100,36 @@ STEPS = ("git status", "inputs", "first plan", "warm plan", "status")
 
 def measure(
     repo: Path, state: Path, repeat: int, python: str, steps: set[str]
-) -> dict[str, tuple[float, float, float]]:
+) -> dict[str, tuple[float, float, float, float]]:
+    """Per step: median wall and processor time, peak memory and the median of
+    its wall time over the same round's `git status`. Each round runs every
+    step once, side by side with `git status`, so that a machine whose speed
+    drifts during the run weighs on both alike."""
     tool = [python, "-m", "malde_ostrel.workers.wiki", "--repo", str(repo),
             "--store", str(state / "store.sqlite3"), "--wiki-dir", str(state / "wiki")]  # fmt: skip
-    results: dict[str, tuple[float, float, float]] = {}
-    timed(["git", "status", "--porcelain"], repo)  # a warm index and page cache
-    results["git status"] = median_of([timed(["git", "status", "--porcelain"], repo) for _ in range(repeat)])
-    if "inputs" in steps:
-        results["inputs"] = median_of([timed([python, "-c", INPUTS, str(repo)], repo) for _ in range(repeat)])
-    if steps & {"first plan", "warm plan", "status"}:
-        first: list[tuple[float, float, float]] = []
-        for _ in range(repeat):
-            shutil.rmtree(state, ignore_errors=True)
-            state.mkdir(parents=True)
-            first.append(timed([*tool, "plan"], repo))
-        if "first plan" in steps:
-            results["first plan"] = median_of(first)
-    if "warm plan" in steps:
-        results["warm plan"] = median_of([timed([*tool, "plan"], repo) for _ in range(repeat)])
-    if "status" in steps:
-        results["status"] = median_of([timed([*tool, "status"], repo) for _ in range(repeat)])
-    return results
+    commands = {
+        "git status": ["git", "status", "--porcelain"],
+        "inputs": [python, "-c", INPUTS, str(repo)],
+        "first plan": [*tool, "plan"],
+        "warm plan": [*tool, "plan"],
+        "status": [*tool, "status"],
+    }
+    timed(commands["git status"], repo)  # a warm index and page cache
+    runs: dict[str, list[tuple[float, float, float]]] = {}
+    ratios: dict[str, list[float]] = {}
+    for _ in range(repeat):
+        shutil.rmtree(state, ignore_errors=True)
+        state.mkdir(parents=True)
+        base = timed(commands["git status"], repo)
+        runs.setdefault("git status", []).append(base)
+        # A first plan makes the store the later steps use, timed or not.
+        for step in ("inputs", "first plan", "warm plan", "status"):
+            if step in steps or (step == "first plan" and steps & {"warm plan", "status"}):
+                run = timed(commands[step], repo)
+                if step in steps:
+                    runs.setdefault(step, []).append(run)
+                    ratios.setdefault(step, []).append(run[0] / base[0])
+    return {step: (*median_of(found), statistics.median(ratios.get(step, [1.0]))) for step, found in runs.items()}
 
 
 def main() -> None:
@@ -140,10 +151,9 @@ def main() -> None:
             files = build_repo(repo, copies)
             steps = set(args.steps.split(","))
             results = measure(repo, work / f"state-{copies}", args.repeat, args.python, steps)
-            base = results["git status"][0]
-            for step, (wall, cpu, peak) in results.items():
+            for step, (wall, cpu, peak, ratio) in results.items():
                 print(f"{files:>7}  {step:<11} {wall * 1e3:>9.1f} {cpu * 1e3:>8.1f} "
-                      f"{wall * 1e6 / files:>8.2f} {peak:>8.1f} {wall / base:>12.1f}")  # fmt: skip
+                      f"{wall * 1e6 / files:>8.2f} {peak:>8.1f} {ratio:>12.1f}")  # fmt: skip
             sys.stdout.flush()
             if not args.keep:
                 shutil.rmtree(repo)

@@ -8,7 +8,7 @@ from types import SimpleNamespace
 
 import pytest
 
-from malde_ostrel.workers.wiki import planner
+from malde_ostrel.workers.wiki import git_io, planner
 from malde_ostrel.workers.wiki.repo_facts import file_hash
 from malde_ostrel.workers.wiki.repo_scan import RepoError, find_root, locate, snapshot, state_dir
 
@@ -128,3 +128,13 @@ def test_a_hash_does_not_depend_on_the_route_under_line_end_filters(repo: Path) 
     git(repo, "checkout", "-q", "side")
     from_tree = snapshot(repo, "main").hashes(["crlf.txt"])["crlf.txt"]
     assert read_fresh == from_index == from_tree == git(repo, "rev-parse", "main:crlf.txt")
+
+
+def test_listing_started_early_is_read_once_or_stopped(repo: Path) -> None:
+    expected = snapshot(repo)
+    git_io.start_both(repo, git_io.WORK_TREE_LISTING, git_io.WORK_TREE_STATUS)
+    assert snapshot(repo).paths == expected.paths and not git_io._started  # read by the snapshot
+    git_io.start_both(repo, git_io.WORK_TREE_LISTING, ("status",))  # asked by no one
+    procs = next(iter(git_io._started.values()))
+    git_io.stop_started()
+    assert not git_io._started and all(proc.returncode is not None for proc in procs)

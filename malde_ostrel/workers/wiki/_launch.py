@@ -5,7 +5,8 @@ the package from the source tree (the current directory comes first on
 ``sys.path``), where the native module is not built.  Then the command runs
 again with ``python -P``, which leaves the current directory off the path,
 so that an installed copy of the package is used; without one, one line
-says what to do.
+says what to do.  Before anything else loads, git starts listing the work
+tree, for the command's first snapshot.
 """
 
 from __future__ import annotations
@@ -15,6 +16,8 @@ import importlib.machinery
 import os
 import sys
 from pathlib import Path
+
+from malde_ostrel.workers.wiki import git_io
 
 PROG = "ostrel-wiki"
 NATIVE = "malde_ostrel.workers.wiki.plan_record"
@@ -44,9 +47,30 @@ def installed_copy(source_root: Path) -> Path | None:
     return None
 
 
+def start_snapshot(argv: list[str]) -> None:
+    """Let git list the work tree while the tool loads: the snapshot a command
+    takes first reads these results when it asks git the same in the same
+    place (a work tree's top, the checked-out branch); else they go unread."""
+    if any(word in ("-h", "--help") or word.startswith("--branch") for word in argv):
+        return
+    repo = "."
+    for word, value in zip(argv, [*argv[1:], None], strict=True):
+        if word == "--repo" and value is not None:
+            repo = value
+        elif word.startswith("--repo="):
+            repo = word.removeprefix("--repo=")
+    try:
+        top = Path(repo).expanduser()
+        if (top / ".git").exists():
+            git_io.start_both(top.resolve(), git_io.WORK_TREE_LISTING, git_io.WORK_TREE_STATUS)
+    except (OSError, ValueError):
+        pass  # the command itself will say what is wrong
+
+
 def main() -> int:
     """Run the tool; from a source tree without the native module, run it
     again from the installed copy, or say what to do (exit status 1)."""
+    start_snapshot(sys.argv[1:])
     try:
         importlib.import_module(NATIVE)
     except ImportError as exc:
@@ -60,6 +84,7 @@ def main() -> int:
         if not sys.flags.safe_path and installed_copy(package_dir.parent) is not None:
             sys.stdout.flush()
             sys.stderr.flush()
+            git_io.stop_started()
             try:
                 os.execv(sys.executable, [sys.executable, "-P", *sys.orig_argv[1:]])
             except OSError:

@@ -6,8 +6,8 @@ never takes the index lock away from the user's own git commands.
 
 from __future__ import annotations
 
+import atexit
 import os
-import shutil
 import subprocess
 import weakref
 from pathlib import Path
@@ -16,9 +16,20 @@ GIT_TIMEOUT_S = 120
 
 _ENV = {**os.environ, "GIT_OPTIONAL_LOCKS": "0", "GIT_TERMINAL_PROMPT": "0"}
 
+# What a snapshot of a work tree asks git: the index listing and the status.
+WORK_TREE_LISTING: tuple[str, ...] = ("ls-files", "-s", "-z")
+WORK_TREE_STATUS: tuple[str, ...] = (
+    "status", "--porcelain=v2", "-z", "--branch", "--untracked-files=no", "--no-renames", "--ignore-submodules=all",
+)  # fmt: skip
+
 
 def git_binary() -> str | None:
-    return shutil.which("git")
+    """The git program found on the PATH, as the shell would find it."""
+    for folder in os.environ.get("PATH", os.defpath).split(os.pathsep):
+        candidate = os.path.join(folder, "git")
+        if os.access(candidate, os.X_OK) and not os.path.isdir(candidate):
+            return candidate
+    return None
 
 
 def run(repo: Path, *args: str, stdin: bytes | None = None) -> tuple[int, bytes]:
@@ -43,20 +54,62 @@ def run(repo: Path, *args: str, stdin: bytes | None = None) -> tuple[int, bytes]
     return done.returncode, done.stdout
 
 
-def run_both(repo: Path, first: list[str], second: list[str]) -> tuple[tuple[int, bytes], ...]:
-    """Exit status and stdout of two git commands run side by side in ``repo``
-    (the first is read to its end before the second)."""
+# Commands started ahead of the call that reads them: (repo, first, second)
+# -> the two processes.
+_started: dict[tuple[str, tuple[str, ...], tuple[str, ...]], list[subprocess.Popen[bytes]]] = {}
+
+
+def _spawn(repo: Path, commands: tuple[tuple[str, ...], ...]) -> list[subprocess.Popen[bytes]] | None:
     git = git_binary()
     if git is None:
-        return (-1, b""), (-1, b"")
+        return None
     procs: list[subprocess.Popen[bytes]] = []
     try:
-        for args in (first, second):
+        for args in commands:
             procs.append(
-                subprocess.Popen(
-                    [git, *args], cwd=repo, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, env=_ENV
-                )  # fmt: skip
+                subprocess.Popen([git, *args], cwd=repo, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, env=_ENV)
             )
+    except OSError:
+        _stop_all(procs)
+        return None
+    return procs
+
+
+def _stop_all(procs: list[subprocess.Popen[bytes]]) -> None:
+    for proc in procs:
+        if proc.returncode is None:
+            proc.kill()
+            proc.communicate()
+
+
+def stop_started() -> None:
+    """Stop what ``start_both`` started and no call read."""
+    while _started:
+        _stop_all(_started.popitem()[1])
+
+
+def start_both(repo: Path, first: tuple[str, ...], second: tuple[str, ...]) -> None:
+    """Start now what ``run_both(repo, first, second)`` will run, so that git
+    works while the interpreter loads the rest of the tool. The call with the
+    same arguments reads the results; what no call reads is stopped at exit."""
+    key = (str(repo), first, second)
+    if key in _started:
+        return
+    procs = _spawn(repo, (first, second))
+    if procs is None:
+        return
+    if not _started:
+        atexit.register(stop_started)
+    _started[key] = procs
+
+
+def run_both(repo: Path, first: tuple[str, ...], second: tuple[str, ...]) -> tuple[tuple[int, bytes], ...]:
+    """Exit status and stdout of two git commands run side by side in ``repo``
+    (the first is read to its end before the second)."""
+    procs = _started.pop((str(repo), first, second), None) or _spawn(repo, (first, second))
+    if procs is None:
+        return (-1, b""), (-1, b"")
+    try:
         results: list[tuple[int, bytes]] = []
         for proc in procs:
             out = proc.communicate(timeout=GIT_TIMEOUT_S)[0]
@@ -65,10 +118,7 @@ def run_both(repo: Path, first: list[str], second: list[str]) -> tuple[tuple[int
     except (OSError, subprocess.SubprocessError):
         return (-1, b""), (-1, b"")
     finally:
-        for proc in procs:
-            if proc.returncode is None:
-                proc.kill()
-                proc.wait()
+        _stop_all(procs)
 
 
 def text(repo: Path, *args: str) -> str | None:

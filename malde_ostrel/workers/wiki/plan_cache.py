@@ -60,6 +60,14 @@ def encode(fresh: list[PagePlan], code: tuple[int, int], paths: Sequence[str], k
     return json.dumps({"code": list(code), "dropped": dropped, "plans": plans}, separators=(",", ":"))
 
 
+def _plan(values: list[Any]) -> PagePlan:
+    """A plan of the fields ``encode`` kept, made as unpickling makes one: its
+    attributes set, not passed through ``__init__`` (which would only set them)."""
+    plan: PagePlan = object.__new__(PagePlan)
+    vars(plan).update(zip(_FIELDS, values, strict=True))
+    return plan
+
+
 def decode(text: str | None, paths: Sequence[str]) -> tuple[list[PagePlan], set[str], list[str]] | None:
     """The plan, live paths and kept paths of a kept text; None when there is none."""
     if text is None:
@@ -68,7 +76,7 @@ def decode(text: str | None, paths: Sequence[str]) -> tuple[list[PagePlan], set[
         data: Any = json.loads(text)
         start, end = data["code"]
         dropped = set(data["dropped"])
-        fresh = [PagePlan(**dict(zip(_FIELDS, values, strict=True))) for values in data["plans"]]
+        fresh = [_plan(values) for values in data["plans"]]
     except (ValueError, TypeError, KeyError):
         return None
     live = {path for plan in fresh[start:end] for path in plan.source_files}

@@ -282,12 +282,7 @@ def snapshot(root: Path, branch: str | None = None) -> Snapshot:
 
 
 def _work_tree(root: Path, branch: str | None) -> Snapshot:
-    (listed, listing), (status, out) = git_io.run_both(
-        root,
-        ["ls-files", "-s", "-z"],
-        ["status", "--porcelain=v2", "-z", "--branch", "--untracked-files=no",
-         "--no-renames", "--ignore-submodules=all"],
-    )  # fmt: skip
+    (listed, listing), (status, out) = git_io.run_both(root, git_io.WORK_TREE_LISTING, git_io.WORK_TREE_STATUS)
     if status != 0 or listed != 0:
         raise RepoError(f"git cannot read the work tree {root}; check it with `git status`")
     commit: str | None = None
