@@ -317,3 +317,18 @@ def test_unreadable_log_line_is_skipped_and_set_aside(repo: Path) -> None:
     assert "line(s) 2" in done.stderr and "module-extra" in done.stdout
     run(repo, "doctor")
     assert run(repo, "log").stderr == "" and b"not a record" in log.with_name("plan-log.jsonl.bad").read_bytes()
+
+
+@pytest.mark.parametrize("columns", ["47", "120", "0", "wide", None])
+def test_help_is_laid_out_as_argparse_would(monkeypatch: pytest.MonkeyPatch, columns: str | None) -> None:
+    import argparse
+
+    from malde_ostrel.workers.wiki import cli
+
+    if columns is None:
+        monkeypatch.delenv("COLUMNS", raising=False)
+    else:
+        monkeypatch.setenv("COLUMNS", columns)
+    ours = cli.build_parser().format_help()
+    monkeypatch.setattr(cli, "_HelpFormatter", argparse.HelpFormatter)
+    assert ours == cli.build_parser().format_help()

@@ -297,7 +297,7 @@ def _positive(text: str) -> int:
 
 def _common_options() -> argparse.ArgumentParser:
     """Global options, accepted before or after the command."""
-    common = argparse.ArgumentParser(add_help=False, argument_default=argparse.SUPPRESS)
+    common = argparse.ArgumentParser(add_help=False, argument_default=argparse.SUPPRESS, formatter_class=_HelpFormatter)
     common.add_argument("--repo", metavar="PATH", help="a directory of the repository (default: the current one)")
     common.add_argument(
         "--store",
@@ -312,13 +312,38 @@ def _common_options() -> argparse.ArgumentParser:
     return common
 
 
+class _HelpFormatter(argparse.HelpFormatter):
+    """argparse's own layout at the width it would choose, found without
+    importing shutil (and the compression modules shutil brings) on every run."""
+
+    def __init__(self, prog: str) -> None:
+        super().__init__(prog, width=_terminal_columns() - 2)
+
+
+def _terminal_columns() -> int:
+    """``shutil.get_terminal_size().columns``: $COLUMNS when positive, else
+    standard output's terminal, else 80."""
+    try:
+        columns = int(os.environ["COLUMNS"])
+    except (KeyError, ValueError):
+        columns = 0
+    if columns > 0:
+        return columns
+    try:
+        return os.get_terminal_size(sys.__stdout__.fileno()).columns or 80  # type: ignore[union-attr]
+    except (AttributeError, ValueError, OSError):
+        return 80
+
+
 def build_parser() -> argparse.ArgumentParser:
     common = _common_options()
-    parser = argparse.ArgumentParser(prog=PROG, parents=[common], description="Keep a repository's per-branch wiki.")
+    parser = argparse.ArgumentParser(
+        prog=PROG, parents=[common], description="Keep a repository's per-branch wiki.", formatter_class=_HelpFormatter
+    )
     commands = parser.add_subparsers(dest="command", required=True, metavar="COMMAND")
 
     def add(name: str, handler: Callable[[Wiki, argparse.Namespace], Any], text: str) -> argparse.ArgumentParser:
-        sub = commands.add_parser(name, parents=[common], help=text)
+        sub = commands.add_parser(name, parents=[common], help=text, formatter_class=_HelpFormatter)
         sub.set_defaults(handler=handler)
         return sub
 
