@@ -36,27 +36,29 @@ PyObject* pointer(PyObject* item) { return item; }
 // A new tuple or list filled with the items: the only place that fills a
 // container's slots directly.
 template <class Items>
-Ref tuple_from(const Items& items) {
-  Ref tuple = check(PyTuple_New(static_cast<Py_ssize_t>(std::size(items))));
+Ref filled(PyObject* (*make)(Py_ssize_t), void (*set)(PyObject*, Py_ssize_t, PyObject*),
+           const char* empty_item, const Items& items) {
+  Ref container = check(make(static_cast<Py_ssize_t>(std::size(items))));
   Py_ssize_t i = 0;
   for (const auto& item : items) {
     PyObject* p = pointer(item);
-    if (p == nullptr) raise(PyExc_SystemError, "plan_record: empty reference in a tuple");
-    PyTuple_SET_ITEM(tuple.get(), i++, Py_NewRef(p));
+    if (p == nullptr) raise(PyExc_SystemError, empty_item);
+    set(container.get(), i++, Py_NewRef(p));
   }
-  return tuple;
+  return container;
+}
+
+void tuple_slot(PyObject* tuple, Py_ssize_t i, PyObject* item) { PyTuple_SET_ITEM(tuple, i, item); }
+void list_slot(PyObject* list, Py_ssize_t i, PyObject* item) { PyList_SET_ITEM(list, i, item); }
+
+template <class Items>
+Ref tuple_from(const Items& items) {
+  return filled(PyTuple_New, tuple_slot, "plan_record: empty reference in a tuple", items);
 }
 
 template <class Items>
 Ref list_from(const Items& items) {
-  Ref list = check(PyList_New(static_cast<Py_ssize_t>(std::size(items))));
-  Py_ssize_t i = 0;
-  for (const auto& item : items) {
-    PyObject* p = pointer(item);
-    if (p == nullptr) raise(PyExc_SystemError, "plan_record: empty reference in a list");
-    PyList_SET_ITEM(list.get(), i++, Py_NewRef(p));
-  }
-  return list;
+  return filled(PyList_New, list_slot, "plan_record: empty reference in a list", items);
 }
 
 }  // namespace

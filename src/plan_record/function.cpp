@@ -12,20 +12,25 @@ PyObject* Call::module() const noexcept { return fn_->module; }
 
 ModuleState& Call::state() const noexcept { return state_of(fn_->module); }
 
-Ref Call::global(PyObject* name) const { return module_global(fn_->module, name); }
+namespace {
 
-Ref Call::global_if_bound(PyObject* name) const {
-  PyObject* found = PyDict_GetItemWithError(PyModule_GetDict(fn_->module), name);
+// The module namespace's binding of `name`, or an empty Ref.
+Ref namespace_binding(PyObject* module, PyObject* name) {
+  PyObject* found =
+      PyDict_GetItemWithError(PyModule_GetDict(module), name);  // the dict: borrowed, never NULL
   if (!found && PyErr_Occurred()) raise();
   return Ref::borrow(found);
 }
 
+}  // namespace
+
+Ref Call::global(PyObject* name) const { return module_global(fn_->module, name); }
+
+Ref Call::global_if_bound(PyObject* name) const { return namespace_binding(fn_->module, name); }
+
 Ref module_global(PyObject* module, PyObject* name) {
-  PyObject* globals = PyModule_GetDict(module);  // borrowed, never NULL
-  PyObject* found = PyDict_GetItemWithError(globals, name);
-  if (found) return Ref::borrow(found);
-  if (PyErr_Occurred()) raise();
-  found = PyDict_GetItemWithError(PyEval_GetBuiltins(), name);
+  if (Ref bound = namespace_binding(module, name)) return bound;
+  PyObject* found = PyDict_GetItemWithError(PyEval_GetBuiltins(), name);
   if (found) return Ref::borrow(found);
   if (PyErr_Occurred()) raise();
   Ref message = check(PyUnicode_FromFormat("name '%U' is not defined", name));
