@@ -121,3 +121,40 @@ class TestCallTimeLookup:
         with pytest.raises(NameError, match="^name 'PagePlan' is not defined$") as caught:
             impl._plan_from_row({"page_id": "p"}, set())
         assert caught.value.name == "PagePlan"
+
+    def test_record_class_called_as_python_calls_it(self, impl: ModuleType, monkeypatch: pytest.MonkeyPatch) -> None:
+        made: list[Any] = []
+
+        class Returns(PagePlan):
+            def __init__(self, **fields: Any) -> None:
+                super().__init__(**fields)
+                return 1  # type: ignore[return-value]  # noqa: PLE0101
+
+        class Static(PagePlan):
+            __init__ = staticmethod(lambda **fields: made.append(sorted(fields)))  # type: ignore[assignment]
+
+        class New(PagePlan):
+            def __new__(cls, **fields: Any) -> New:
+                made.append("new")
+                return super().__new__(cls)
+
+        row, live = {"page_id": "p", "source_files": ["a.c"]}, {"a.c"}
+        monkeypatch.setattr(impl, "PagePlan", Returns)
+        with pytest.raises(TypeError, match=r"^__init__\(\) should return None, not 'int'$"):
+            impl._plan_from_row(row, live)
+        monkeypatch.setattr(impl, "PagePlan", Static)
+        assert vars(impl._plan_from_row(row, live)) == {}
+        fields = [
+            "catch_all",
+            "description",
+            "importance",
+            "level",
+            "page_id",
+            "source_files",
+            "title",
+            "topic",
+            "type",
+        ]
+        monkeypatch.setattr(impl, "PagePlan", New)
+        plan = impl._plan_from_row(row, live)
+        assert made == [fields, "new"] and type(plan) is New and plan.source_files == ["a.c"]

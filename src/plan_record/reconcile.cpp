@@ -265,10 +265,10 @@ Ref plan_from_row(const Call& call, PyObject* row, PyObject* live_paths) {
   Ref catch_all = boolean(catch_all_re.matches(id_text.get()));
   Ref type = or_else(row_get(n, row, n.page_type), n.empty);
 
-  return call_kw(page_plan.get(), {},
-                 {page_id.get(), title.get(), level.get(), importance.get(), description.get(), topic.get(),
-                  files.get(), catch_all.get(), type.get()},
-                 st.row_plan_fields);
+  return make_record(n, page_plan.get(),
+                     {page_id.get(), title.get(), level.get(), importance.get(), description.get(),
+                      topic.get(), files.get(), catch_all.get(), type.get()},
+                     st.row_plan_fields);
 }
 
 Ref plan_from_row_entry(const Call& call) { return plan_from_row(call, call.arg(0), call.arg(1)); }
@@ -858,10 +858,10 @@ class PinPlan {
       Ref topic = plan_record::call(topic_of.get(), {title.get(), files.get()});
       Ref no_files = new_list();
       Ref type = or_else(row_get(n_, row.get(), n_.page_type), n_.empty);
-      Ref parent = call_kw(page_plan.get(), {},
-                           {parent_id, title.get(), level.get(), importance.get(), description.get(),
-                            topic.get(), no_files.get(), surviving.get(), surviving.get(), type.get()},
-                           st_.parent_plan_fields);
+      Ref parent = make_record(n_, page_plan.get(),
+                               {parent_id, title.get(), level.get(), importance.get(), description.get(),
+                                topic.get(), no_files.get(), surviving.get(), surviving.get(), type.get()},
+                               st_.parent_plan_fields);
       append(plans_.get(), parent.get());
       set_add(kept_ids_.get(), parent_id);
     });
@@ -970,10 +970,10 @@ class PinPlan {
         PyUnicode_FromFormat("Remaining modules and files (%zd files).", PyList_GET_SIZE(merged.get())));
     Ref topic = check(PyUnicode_FromFormat("additional modules utilities helpers %U", samples.get()));
     Ref type = call_.global(n_.OTHER_CODE_TYPE);
-    Ref page = call_kw(page_plan.get(), {},
-                       {pid.get(), title.get(), n_.module, n_.low, description.get(), topic.get(),
-                        merged.get(), Py_True, type.get()},
-                       st_.row_plan_fields);
+    Ref page = make_record(n_, page_plan.get(),
+                           {pid.get(), title.get(), n_.module, n_.low, description.get(), topic.get(),
+                            merged.get(), Py_True, type.get()},
+                           st_.row_plan_fields);
     append(plans_.get(), page.get());
   }
 

@@ -26,6 +26,10 @@ Ref row_level(const Names& names, PyObject* row);
 // `text.startswith(prefix)`, natively for exact texts.
 bool starts_with(const Names& names, PyObject* text, PyObject* prefix);
 
+// `cls(**keywords)`, the names being the items of `kwnames`.
+Ref make_record(const Names& names, PyObject* cls, std::initializer_list<PyObject*> keywords,
+                PyObject* kwnames);
+
 // Format a value as an f-string replacement field does (`f"{value}"`).
 Ref formatted(PyObject* value);
 

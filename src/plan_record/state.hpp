@@ -33,6 +33,7 @@ namespace plan_record {
   X(dunder_annotations, "__annotations__")                                   \
   X(dunder_file, "__file__")                                                 \
   X(dunder_name, "__name__")                                                 \
+  X(dunder_init, "__init__")                                                 \
   X(empty, "")                                                               \
   X(module, "module")                                                        \
   X(medium, "medium")                                                        \

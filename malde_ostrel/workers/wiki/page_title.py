@@ -8,11 +8,6 @@ from typing import Any
 from malde_ostrel.workers.wiki.types import PagePlan
 
 
-def _agent_title(row: Mapping[str, Any]) -> str:
-    title = row.get("agent_title")
-    return title if isinstance(title, str) else ""
-
-
 def _file_set(files: Any) -> frozenset[str]:
     return frozenset(str(path) for path in files) if files else frozenset()
 
@@ -29,9 +24,10 @@ def keep_agent_titles(plans: list[PagePlan], existing: Mapping[str, Mapping[str,
     """
     planned = {plan.page_id for plan in plans}
     by_files: dict[frozenset[str], list[str]] = {}
+    # An agent title is a non-empty text; anything else stored there is none.
     for page_id, row in existing.items():
-        title = _agent_title(row)
-        if not title or page_id in planned:
+        title = row.get("agent_title")
+        if not isinstance(title, str) or not title or page_id in planned:
             continue
         files = _file_set(row.get("source_files"))
         if files:
@@ -39,11 +35,13 @@ def keep_agent_titles(plans: list[PagePlan], existing: Mapping[str, Mapping[str,
     for plan in plans:
         stored = existing.get(plan.page_id)
         if stored is not None:
-            title = _agent_title(stored)
-            if title:
+            title = stored.get("agent_title")
+            if isinstance(title, str) and title:
                 plan.title = title
             continue
-        candidates = by_files.get(_file_set(plan.source_files), [])
-        if plan.source_files and len(candidates) == 1:
-            plan.title = candidates[0]
+        # With no stored title to take, no plan's file set is worth making.
+        if by_files and plan.source_files:
+            candidates = by_files.get(_file_set(plan.source_files), [])
+            if len(candidates) == 1:
+                plan.title = candidates[0]
     return list(plans)
