@@ -31,6 +31,7 @@ id form (``module-additional``), which pinning reserves.
 
 from __future__ import annotations
 
+import operator
 import re
 from collections.abc import Callable, Iterable
 from pathlib import Path
@@ -455,7 +456,7 @@ def derive(snapshot: Snapshot, *, exclude: Iterable[str] = (), cache: PlanCache 
     prefixes = tuple(p.strip("/") + "/" for p in exclude if p.strip("/"))
     exact = frozenset(p.strip("/") for p in exclude)
     paths = snapshot.paths
-    if any(a >= b for a, b in zip(paths, paths[1:], strict=False)):
+    if not all(map(operator.lt, paths, paths[1:])):  # not strictly increasing
         paths = sorted(set(paths))
     texts = {path: snapshot.read_text(path) for path in attributes.attribute_files(paths)}
     key = plan_cache.key(paths, exclude, raw_steering, texts) if cache is not None else None
