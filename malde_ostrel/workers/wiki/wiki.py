@@ -284,7 +284,9 @@ class Wiki:
                 rows = dict(gen._existing)
                 retired = gen._retire_pages(amendments)
                 gen._persist_plan_skeleton(plans)
-                _record_new_pages(gen, plans, repo.page_ids(self.branch))
+                # Nothing written since the rows were read: their ids are the stored ones.
+                stored = set(gen._existing) if db.changes == unwritten else repo.page_ids(self.branch)
+                _record_new_pages(gen, plans, stored)
                 gen._mark_synthesis_stale(self._settle_parents(repo, plans, rows))
                 records.extend(amendments)
                 if not first:
