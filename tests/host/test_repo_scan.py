@@ -10,7 +10,7 @@ import pytest
 
 from malde_ostrel.workers.wiki import git_io, planner
 from malde_ostrel.workers.wiki.repo_facts import file_hash
-from malde_ostrel.workers.wiki.repo_scan import RepoError, find_root, locate, snapshot, state_dir
+from malde_ostrel.workers.wiki.repo_scan import RepoError, _index_entries, find_root, locate, snapshot, state_dir
 
 from .gitrepo import change, git, make_repo, write
 
@@ -80,6 +80,21 @@ def test_plain_directories_and_refusals(repo: Path, tmp_path: Path) -> None:
     (plain / ".git").mkdir()
     with pytest.raises(RepoError, match="git cannot read"):
         snapshot(plain)
+
+
+_ID = "1" * 40
+
+
+@pytest.mark.parametrize(
+    ("modes", "odd"),
+    [(["100644", "100755"], {}), (["120000", "100644"], {0: "120000"}), (["100644", "160000"], {1: "160000"})],
+)
+# Names that read like an entry's start, and names holding a tab.
+@pytest.mark.parametrize("name", ["p{}", "100644 p{}", "p{}\tq"])
+def test_index_listing_gives_ids_and_the_modes_of_odd_entries(modes: list[str], odd: dict[int, str], name: str) -> None:
+    paths = [name.format(i) for i in range(len(modes))]
+    listing = "".join(f"{mode} {_ID} 0\t{path}\0" for mode, path in zip(modes, paths, strict=True))
+    assert _index_entries(listing) == (dict.fromkeys(paths, _ID), {paths[i]: mode for i, mode in odd.items()})
 
 
 def test_state_dir_is_shared_by_worktrees(repo: Path, tmp_path: Path) -> None:

@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import sys
 
-from malde_ostrel.workers.wiki._launch import main
+from malde_ostrel.workers.wiki._launch import entry
 
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(entry())

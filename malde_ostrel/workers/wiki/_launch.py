@@ -11,6 +11,7 @@ tree, for the command's first snapshot.
 
 from __future__ import annotations
 
+import gc
 import importlib
 import importlib.machinery
 import os
@@ -94,3 +95,16 @@ def main() -> int:
     from malde_ostrel.workers.wiki.cli import main as cli_main
 
     return cli_main()
+
+
+def entry() -> int:
+    """``main`` for a process that ends when it returns: the console script
+    and ``python -m``.  No collection passes while the tool loads and runs
+    (they would only walk objects that live as long as the process; see
+    ``cli.main``), and none as the interpreter exits: what the run leaves is
+    frozen, skipped by those last passes (files and the store are closed by
+    then)."""
+    gc.disable()
+    status = main()
+    gc.freeze()
+    return status

@@ -12,9 +12,9 @@ again by ``!attr``.  Macro definitions (``[attr]...``) are skipped.
 
 from __future__ import annotations
 
-import dataclasses
 import re
 from collections.abc import Callable, Iterable
+from typing import NamedTuple
 
 from malde_ostrel.workers.wiki.globs import glob_regex
 
@@ -24,8 +24,7 @@ MARKS: frozenset[str] = frozenset({"linguist-vendored", "linguist-generated"})
 _ESCAPES = {"n": "\n", "t": "\t", '"': '"', "\\": "\\"}
 
 
-@dataclasses.dataclass(frozen=True)
-class Rule:
+class Rule(NamedTuple):
     """One line of an attributes file that says something about the marks."""
 
     prefix: str  # the attributes file's directory, with a trailing "/", or ""

@@ -10,10 +10,9 @@ ever deleted; a text with no receiving page stays there to be restored.
 
 from __future__ import annotations
 
-import dataclasses
 from collections.abc import Iterable, Mapping
 from pathlib import Path
-from typing import Any
+from typing import Any, NamedTuple
 
 from malde_ostrel.workers.wiki.journal import Journal
 from malde_ostrel.workers.wiki.replan_carry import ReplanRemap
@@ -21,8 +20,7 @@ from malde_ostrel.workers.wiki.store import Repository
 from malde_ostrel.workers.wiki.types import PagePlan
 
 
-@dataclasses.dataclass(frozen=True)
-class Leaving:
+class Leaving(NamedTuple):
     """The text of a page that leaves the plan, and the files it documented."""
 
     page_id: str

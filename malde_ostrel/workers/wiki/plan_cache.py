@@ -12,12 +12,12 @@ from __future__ import annotations
 
 import dataclasses
 import functools
-import hashlib
 import json
 from collections.abc import Iterable, Mapping, Sequence
 from pathlib import Path
 from typing import Any
 
+from malde_ostrel.workers.wiki.repo_facts import blake2b
 from malde_ostrel.workers.wiki.types import PagePlan
 
 _FIELDS = tuple(field.name for field in dataclasses.fields(PagePlan))
@@ -28,7 +28,7 @@ _CODE = ("planner.py", "splits.py", "attributes.py", "globs.py", "page_sources.p
 @functools.cache
 def _code_digest() -> bytes | None:
     here = Path(__file__).parent
-    digest = hashlib.blake2b(digest_size=16)
+    digest = blake2b(digest_size=16)
     try:
         for name in _CODE:
             digest.update((here / name).read_bytes())
@@ -44,7 +44,7 @@ def key(
     code = _code_digest()
     if code is None:
         return None
-    digest = hashlib.blake2b(code, digest_size=16)
+    digest = blake2b(code, digest_size=16)
     settings = json.dumps([list(exclude), sorted(attributes.items()), steering is not None])
     digest.update(settings.encode("utf-8", "surrogatepass") + b"\0")
     digest.update(len(steering or b"").to_bytes(8, "big") + (steering or b""))

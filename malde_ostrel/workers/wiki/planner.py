@@ -31,11 +31,11 @@ id form (``module-additional``), which pinning reserves.
 
 from __future__ import annotations
 
-import dataclasses
+import operator
 import re
 from collections.abc import Callable, Iterable
 from pathlib import Path
-from typing import Any, Protocol
+from typing import Any, NamedTuple, Protocol
 
 from malde_ostrel.workers.wiki import attributes, plan_cache, splits
 from malde_ostrel.workers.wiki.globs import glob_regex
@@ -73,8 +73,11 @@ class SteeringError(ValueError):
     """The steering file cannot be read or does not have the expected form."""
 
 
-@dataclasses.dataclass(frozen=True)
-class SteeringPage:
+# The records below are defined at every start: named tuples take a small
+# part of the time generated dataclasses do.
+
+
+class SteeringPage(NamedTuple):
     """A page the user asks for: a title and the glob patterns of its files."""
 
     title: str
@@ -82,8 +85,7 @@ class SteeringPage:
     description: str = ""
 
 
-@dataclasses.dataclass(frozen=True)
-class Steering:
+class Steering(NamedTuple):
     """The contents of the steering file; empty when there is none."""
 
     text: str | None = None
@@ -92,8 +94,7 @@ class Steering:
     exclude: tuple[str, ...] = ()
 
 
-@dataclasses.dataclass
-class Derived:
+class Derived(NamedTuple):
     """The fresh plan of a snapshot and the paths it was made from."""
 
     fresh: list[PagePlan]
@@ -455,7 +456,7 @@ def derive(snapshot: Snapshot, *, exclude: Iterable[str] = (), cache: PlanCache 
     prefixes = tuple(p.strip("/") + "/" for p in exclude if p.strip("/"))
     exact = frozenset(p.strip("/") for p in exclude)
     paths = snapshot.paths
-    if any(a >= b for a, b in zip(paths, paths[1:], strict=False)):
+    if not all(map(operator.lt, paths, paths[1:])):  # not strictly increasing
         paths = sorted(set(paths))
     texts = {path: snapshot.read_text(path) for path in attributes.attribute_files(paths)}
     key = plan_cache.key(paths, exclude, raw_steering, texts) if cache is not None else None

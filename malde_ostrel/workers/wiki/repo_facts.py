@@ -7,9 +7,17 @@ from git's index or a commit's tree instead of from the file.
 
 from __future__ import annotations
 
-import hashlib
 import pathlib
 import posixpath
+
+# hashlib loads the OpenSSL library when imported, a few milliseconds of every
+# start: it is imported where a hash needs it.  blake2b, which every plan needs
+# (see ``plan_cache``), is hashlib's own built-in one, taken from where hashlib
+# takes it.
+try:
+    from _blake2 import blake2b as blake2b
+except ImportError:  # an interpreter built without it
+    from hashlib import blake2b as blake2b
 
 _DIGITS = 16
 
@@ -26,12 +34,16 @@ def _norm(path: str) -> str:
 
 def _text_hash(text: str) -> str:
     """Short SHA-256 digest of a text (lone surrogates are hashed as-is)."""
+    import hashlib
+
     data = text.encode("utf-8", "surrogatepass")
     return hashlib.sha256(data).hexdigest()[:_DIGITS]
 
 
 def blob_id(data: bytes, algorithm: str = "sha1") -> str:
     """git's object id of a blob holding ``data`` (``algorithm``: "sha1" or "sha256")."""
+    import hashlib
+
     digest = hashlib.new(algorithm, b"blob %d\0" % len(data), usedforsecurity=False)
     digest.update(data)
     return digest.hexdigest()

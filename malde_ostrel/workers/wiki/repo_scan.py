@@ -38,6 +38,7 @@ STATE_DIR_NAME = "ostrel-wiki"
 _GITLINK = "160000"
 _SYMLINK = "120000"
 _REGULAR = frozenset({"100644", "100755"})
+_REGULAR_STARTS = ("100644 ", "100755 ")
 # One entry of `git ls-files -s -z`: mode, object id, stage, path.
 _LS_FILES_RE = re.compile(r"(\d+) ([0-9a-f]+) \d\t([^\0]*)\0")
 _SYMLINK_HOPS = 8
@@ -342,6 +343,11 @@ def _index_entries(listing: str) -> tuple[dict[str, str], dict[str, str]]:
     # "<mode> <id> <stage>": six octal digits, the id, one digit.
     metas, paths = fields[0:-1:2], fields[1::2]
     known = dict(zip(paths, [meta[7:-2] for meta in metas], strict=True))
+    # Every entry starts the listing or follows a NUL: counting the regular
+    # modes there tells, most often, that no entry is anything else.
+    regular = listing.startswith(_REGULAR_STARTS) + sum(listing.count(f"\0{start}") for start in _REGULAR_STARTS)
+    if regular == len(metas):
+        return known, {}
     odd = {paths[i]: meta[:6] for i, meta in enumerate(metas) if meta[:6] not in _REGULAR}
     return known, odd
 

@@ -18,7 +18,8 @@ moves nearly every later part.
 from __future__ import annotations
 
 import functools
-import hashlib
+
+from malde_ostrel.workers.wiki.repo_facts import blake2b
 
 CUT_SPACING = 8
 CUT_GAP = 2
@@ -33,7 +34,7 @@ def name_rank(path: str) -> int:
 # Names repeat across directories (__init__.py, README.md): each is hashed once.
 @functools.lru_cache(maxsize=1 << 16)
 def _rank(name: str) -> int:
-    return int.from_bytes(hashlib.blake2b(name.encode("utf-8", "surrogateescape"), digest_size=8).digest(), "big")
+    return int.from_bytes(blake2b(name.encode("utf-8", "surrogateescape"), digest_size=8).digest(), "big")
 
 
 def _even(files: list[str], limit: int) -> list[list[str]]:

@@ -291,7 +291,9 @@ class Repository:
         cursor = self.db.execute(
             f"SELECT {', '.join(names)} FROM wiki_pages WHERE branch = ? ORDER BY page_id", (branch,)
         )
-        return {row["page_id"]: row for row in (self._decode(branch, raw, names) for raw in cursor)}
+        kinds = _kinds(names)
+        decoded = [self._decode(branch, raw, names, kinds) for raw in cursor.fetchall()]
+        return {row["page_id"]: row for row in decoded}
 
     def page_ids(self, branch: str) -> set[str]:
         """The ids of the branch's pages."""
@@ -313,11 +315,17 @@ class Repository:
         cursor = self.db.execute("SELECT DISTINCT branch FROM wiki_pages ORDER BY branch")
         return [str(branch) for (branch,) in cursor]
 
-    def _decode(self, branch: str, raw: Sequence[Any], names: Sequence[str] = _COLUMNS) -> dict[str, Any]:
+    def _decode(
+        self,
+        branch: str,
+        raw: Sequence[Any],
+        names: Sequence[str] = _COLUMNS,
+        kinds: Sequence[tuple[str, type]] = tuple(_JSON_KINDS.items()),
+    ) -> dict[str, Any]:
+        """A row of the columns ``names``, its JSON columns (``kinds``: those
+        of ``names``) decoded."""
         row: dict[str, Any] = dict(zip(names, raw, strict=True))
-        for name, kind in _JSON_KINDS.items():
-            if name not in row:
-                continue
+        for name, kind in kinds:
             value = decode_json(row[name])
             if not isinstance(value, kind):
                 raise StoreError(
@@ -470,6 +478,11 @@ def decode_json(text: Any) -> Any:
 
 # What json.loads runs on a text, from a position: (value, where it ends).
 _scan_value: Final = json.scanner.make_scanner(json.JSONDecoder())  # type: ignore[arg-type]  # it reads the fields
+
+
+def _kinds(names: Sequence[str]) -> tuple[tuple[str, type], ...]:
+    """The JSON columns among ``names`` and the kind each decodes to."""
+    return tuple((name, kind) for name, kind in _JSON_KINDS.items() if name in names)
 
 
 @functools.lru_cache(maxsize=64)

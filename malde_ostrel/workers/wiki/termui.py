@@ -52,7 +52,7 @@ def fit_table(header: list[str], rows: list[list[str]], width: int | None, *, sh
     ``MIN_SHRUNK`` characters (or its header); the other columns keep their
     text.  ``width`` None means no limit."""
     table = [header, *rows]
-    full = [max(len(cell) for cell in column) for column in zip(*table, strict=True)]
+    full = [max(map(len, column)) for column in zip(*table, strict=True)]
     widths = list(full)
     if width is not None:
         excess = sum(widths) + len(SEPARATOR) * (len(widths) - 1) - width

@@ -239,7 +239,8 @@ class Wiki:
         commit = repo.plan_commit(self.branch)
         if not commit:
             return {}
-        return renames.usable(snap.renames_since(commit), set(snap.paths))
+        moved = snap.renames_since(commit)
+        return renames.usable(moved, set(snap.paths)) if moved else {}
 
     def _pinned(self, gen: WikiGenerator, derived: planner.Derived, snap: repo_scan.Snapshot) -> list[PagePlan]:
         """The pinned plan as ``plan`` would make it, writing nothing: the
@@ -284,13 +285,17 @@ class Wiki:
                 rows = dict(gen._existing)
                 retired = gen._retire_pages(amendments)
                 gen._persist_plan_skeleton(plans)
-                _record_new_pages(gen, plans, repo.page_ids(self.branch))
+                # Nothing written since the rows were read: their ids are the stored ones.
+                stored = set(gen._existing) if db.changes == unwritten else repo.page_ids(self.branch)
+                _record_new_pages(gen, plans, stored)
                 gen._mark_synthesis_stale(self._settle_parents(repo, plans, rows))
                 records.extend(amendments)
                 if not first:
                     records.extend(self._settle_files(repo, plans, rows, amendments))
                 carrier = carry.Carrier(repo, journal, self.branch, self.pages_dir)
-                records.extend(_carry(carrier, retired, rows, amendments, remap, plans, set(snap.paths)))
+                # Only the texts of retired pages go anywhere: the live paths tell where.
+                live = set(snap.paths) if retired else set()
+                records.extend(_carry(carrier, retired, rows, amendments, remap, plans, live))
                 gen._mark_synthesis_stale(carrier.finish())
                 if snap.commit:
                     repo.set_plan_commit(self.branch, snap.commit)
