@@ -153,3 +153,12 @@ def test_listing_started_early_is_read_once_or_stopped(repo: Path) -> None:
     procs = next(iter(git_io._started.values()))
     git_io.stop_started()
     assert not git_io._started and all(proc.returncode is not None for proc in procs)
+
+
+def test_a_snapshot_writes_back_a_stale_index(repo: Path) -> None:
+    # Files touched but not changed: git re-reads them until the index is refreshed.
+    later = os.stat(repo / "a.py").st_mtime + 100
+    for path in ("a.py", "src/b.py"):
+        os.utime(repo / path, (later, later))
+    assert git(repo, "--no-optional-locks", "diff-files", "--name-only") == "a.py\nsrc/b.py"
+    assert snapshot(repo).paths and git(repo, "--no-optional-locks", "diff-files", "--name-only") == ""

@@ -1,7 +1,11 @@
 """Running git: one-shot commands and one long-lived blob reader.
 
-Every command runs with optional locks off, so that reading a repository
-never takes the index lock away from the user's own git commands.
+Commands run with optional locks off, so that reading a repository never
+takes the index lock away from the user's own git commands.  The status of a
+snapshot is the exception: like the user's own ``git status``, it writes back
+the stat data it had to re-check (when it can take the lock at once), so that
+an index gone stale (files touched, a fresh checkout) costs one run a re-read
+of those files rather than every run.
 """
 
 from __future__ import annotations
@@ -15,6 +19,7 @@ from pathlib import Path
 GIT_TIMEOUT_S = 120
 
 _ENV = {**os.environ, "GIT_OPTIONAL_LOCKS": "0", "GIT_TERMINAL_PROMPT": "0"}
+_REFRESHING_ENV = {**_ENV, "GIT_OPTIONAL_LOCKS": "1"}
 
 # What a snapshot of a work tree asks git: the index listing and the status.
 WORK_TREE_LISTING: tuple[str, ...] = ("ls-files", "-s", "-z")
@@ -66,8 +71,9 @@ def _spawn(repo: Path, commands: tuple[tuple[str, ...], ...]) -> list[subprocess
     procs: list[subprocess.Popen[bytes]] = []
     try:
         for args in commands:
+            env = _REFRESHING_ENV if args == WORK_TREE_STATUS else _ENV
             procs.append(
-                subprocess.Popen([git, *args], cwd=repo, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, env=_ENV)
+                subprocess.Popen([git, *args], cwd=repo, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, env=env)
             )
     except OSError:
         _stop_all(procs)
