@@ -39,7 +39,7 @@ GIT = ["git", "-c", "user.name=bench", "-c", "user.email=bench@example.invalid"]
 INPUTS = """
 import sys
 from pathlib import Path
-from malde_ostrel.workers.wiki import planner, repo_scan
+from malde_ostrel.workers.wiki.tool import planner, repo_scan
 snap = repo_scan.snapshot(Path(sys.argv[1]))
 derived = planner.derive(snap)
 hashes = snap.hashes(snap.paths)

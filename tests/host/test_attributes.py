@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import pytest
 
-from malde_ostrel.workers.wiki.attributes import marked_paths
+from malde_ostrel.workers.wiki.tool.attributes import marked_paths
 
 PATHS = ["top.py", "sp ace.py", "vendor/a.py", "vendor/keep.py", "vendor/sub/b.py",
          "src/top.py", "src/gen.pb.go", "src/deep/x.pb.go", "src/keep.py"]  # fmt: skip

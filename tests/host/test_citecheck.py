@@ -6,8 +6,8 @@ from pathlib import Path
 
 import pytest
 
-from malde_ostrel.workers.wiki.citecheck import check, covered
-from malde_ostrel.workers.wiki.repo_scan import snapshot
+from malde_ostrel.workers.wiki.tool.citecheck import check, covered
+from malde_ostrel.workers.wiki.tool.repo_scan import snapshot
 from malde_ostrel.workers.wiki.types import PagePlan
 
 from .gitrepo import change, git, make_repo

@@ -323,7 +323,7 @@ def test_unreadable_log_line_is_skipped_and_set_aside(repo: Path) -> None:
 def test_help_is_laid_out_as_argparse_would(monkeypatch: pytest.MonkeyPatch, columns: str | None) -> None:
     import argparse
 
-    from malde_ostrel.workers.wiki import cli
+    from malde_ostrel.workers.wiki.tool import cli
 
     if columns is None:
         monkeypatch.delenv("COLUMNS", raising=False)

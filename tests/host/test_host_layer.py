@@ -8,10 +8,10 @@ from typing import Any
 
 import pytest
 
-from malde_ostrel.workers.wiki.carry import page_files
 from malde_ostrel.workers.wiki.page_sources import unit_topic
 from malde_ostrel.workers.wiki.page_title import keep_agent_titles
 from malde_ostrel.workers.wiki.repo_facts import _norm, file_hash
+from malde_ostrel.workers.wiki.tool.carry import page_files
 from malde_ostrel.workers.wiki.types import PagePlan
 from malde_ostrel.workers.wiki.verify import prose_citations
 

@@ -10,9 +10,9 @@ from pathlib import Path
 
 import pytest
 
-from malde_ostrel.workers.wiki._launch import NOT_BUILT
+from malde_ostrel.workers.wiki.tool._launch import NOT_BUILT
 
-RUN = "from malde_ostrel.workers.wiki._launch import main; raise SystemExit(main())"
+RUN = "from malde_ostrel.workers.wiki.tool._launch import main; raise SystemExit(main())"
 
 
 @pytest.mark.parametrize(("flags", "on_path", "code", "out", "err"), [

@@ -7,10 +7,10 @@ from pathlib import Path
 
 import pytest
 
-from malde_ostrel.workers.wiki import planner
-from malde_ostrel.workers.wiki.planner import MAX_FILES_PER_PAGE as LIMIT
-from malde_ostrel.workers.wiki.planner import Steering, SteeringError, SteeringPage, plan_pages
-from malde_ostrel.workers.wiki.splits import split
+from malde_ostrel.workers.wiki.tool import planner
+from malde_ostrel.workers.wiki.tool.planner import MAX_FILES_PER_PAGE as LIMIT
+from malde_ostrel.workers.wiki.tool.planner import Steering, SteeringError, SteeringPage, plan_pages
+from malde_ostrel.workers.wiki.tool.splits import split
 from malde_ostrel.workers.wiki.types import PagePlan
 
 PATHS = ["README.md", "setup.py", "src/core/a.py", "src/core/b.py", "src/io/read.c", "src/io/read.h",

@@ -8,9 +8,9 @@ from types import SimpleNamespace
 
 import pytest
 
-from malde_ostrel.workers.wiki import git_io, planner
 from malde_ostrel.workers.wiki.repo_facts import file_hash
-from malde_ostrel.workers.wiki.repo_scan import RepoError, _index_entries, find_root, locate, snapshot, state_dir
+from malde_ostrel.workers.wiki.tool import git_io, planner
+from malde_ostrel.workers.wiki.tool.repo_scan import RepoError, _index_entries, find_root, locate, snapshot, state_dir
 
 from .gitrepo import change, git, make_repo, write
 

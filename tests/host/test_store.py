@@ -15,7 +15,7 @@ import pytest
 from malde_ostrel.workers.wiki import orchestrator
 from malde_ostrel.workers.wiki.orchestrator import GeneratorBase, generator_class
 from malde_ostrel.workers.wiki.repo_facts import _text_hash, file_hash
-from malde_ostrel.workers.wiki.store import SCHEMA_VERSION, Database, Repository, StoredPlans, StoreError
+from malde_ostrel.workers.wiki.tool.store import SCHEMA_VERSION, Database, Repository, StoredPlans, StoreError
 from malde_ostrel.workers.wiki.types import PagePlan
 
 

@@ -7,7 +7,7 @@ import re
 
 import pytest
 
-from malde_ostrel.workers.wiki.termui import Progress, fit_table
+from malde_ostrel.workers.wiki.tool.termui import Progress, fit_table
 
 HEADER = ["PAGE", "LEVEL", "TITLE", "FILES", "STATE", "WRITE"]
 ROWS = [[f"module-lib-test-support-part-{i}", "module", f"lib/test/support/deep ({i}.py to z.py)",

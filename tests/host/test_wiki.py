@@ -13,10 +13,10 @@ from typing import Any
 
 import pytest
 
-from malde_ostrel.workers.wiki import journal, store
 from malde_ostrel.workers.wiki.repo_facts import _text_hash
-from malde_ostrel.workers.wiki.reports import WikiError
-from malde_ostrel.workers.wiki.wiki import Wiki
+from malde_ostrel.workers.wiki.tool import journal, store
+from malde_ostrel.workers.wiki.tool.reports import WikiError
+from malde_ostrel.workers.wiki.tool.wiki import Wiki
 
 from .gitrepo import change, make_repo
 

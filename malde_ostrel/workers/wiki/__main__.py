@@ -4,7 +4,7 @@ from __future__ import annotations
 
 import sys
 
-from malde_ostrel.workers.wiki._launch import entry
+from malde_ostrel.workers.wiki.tool._launch import entry
 
 if __name__ == "__main__":
     sys.exit(entry())

@@ -11,12 +11,12 @@ from collections.abc import Callable
 from pathlib import Path
 from typing import TYPE_CHECKING, Any
 
-from malde_ostrel.workers.wiki.journal import Journal, temp_beside
 from malde_ostrel.workers.wiki.page_retirement import PageRetirementMixin
 from malde_ostrel.workers.wiki.plan_record import PlanRecordMixin
 from malde_ostrel.workers.wiki.repo_facts import _norm, _text_hash, file_hash
 from malde_ostrel.workers.wiki.steering import SteeringMixin
-from malde_ostrel.workers.wiki.store import Repository
+from malde_ostrel.workers.wiki.tool.journal import Journal, temp_beside
+from malde_ostrel.workers.wiki.tool.store import Repository
 from malde_ostrel.workers.wiki.types import PagePlan, section_of
 from malde_ostrel.workers.wiki.verify import prose_citations
 

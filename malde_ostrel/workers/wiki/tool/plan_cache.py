@@ -22,7 +22,7 @@ from malde_ostrel.workers.wiki.types import PagePlan
 
 _FIELDS = tuple(field.name for field in dataclasses.fields(PagePlan))
 # The modules whose code decides the plan of given inputs (this one decides its form).
-_CODE = ("planner.py", "splits.py", "attributes.py", "globs.py", "page_sources.py", "types.py", "plan_cache.py")
+_CODE = ("planner.py", "splits.py", "attributes.py", "globs.py", "../page_sources.py", "../types.py", "plan_cache.py")
 
 
 @functools.cache

@@ -13,7 +13,7 @@ import re
 from collections.abc import Collection, Iterable
 
 from malde_ostrel.workers.wiki.repo_facts import _norm
-from malde_ostrel.workers.wiki.repo_scan import Snapshot
+from malde_ostrel.workers.wiki.tool.repo_scan import Snapshot
 from malde_ostrel.workers.wiki.types import PagePlan
 from malde_ostrel.workers.wiki.verify import prose_citations
 

@@ -24,12 +24,12 @@ from contextlib import contextmanager
 from pathlib import Path
 from typing import Any
 
-from malde_ostrel.workers.wiki import termui
-from malde_ostrel.workers.wiki.planner import SteeringError
-from malde_ostrel.workers.wiki.repo_scan import RepoError
-from malde_ostrel.workers.wiki.reports import CitationError, WikiError, as_json
-from malde_ostrel.workers.wiki.store import DOCTOR_HINT, StoreError
-from malde_ostrel.workers.wiki.wiki import PROG, Wiki
+from malde_ostrel.workers.wiki.tool import termui
+from malde_ostrel.workers.wiki.tool.planner import SteeringError
+from malde_ostrel.workers.wiki.tool.repo_scan import RepoError
+from malde_ostrel.workers.wiki.tool.reports import CitationError, WikiError, as_json
+from malde_ostrel.workers.wiki.tool.store import DOCTOR_HINT, StoreError
+from malde_ostrel.workers.wiki.tool.wiki import PROG, Wiki
 
 STORE_ENV = "OSTREL_WIKI_STORE"
 DEFAULT_LOG_RUNS = 10

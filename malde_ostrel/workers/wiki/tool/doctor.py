@@ -20,11 +20,11 @@ import sqlite3
 from datetime import datetime
 from pathlib import Path
 
-from malde_ostrel.workers.wiki.auditlog import read_runs
-from malde_ostrel.workers.wiki.journal import Journal, write_atomic
-from malde_ostrel.workers.wiki.locking import store_lock
-from malde_ostrel.workers.wiki.reports import DoctorReport
-from malde_ostrel.workers.wiki.store import Database, Repository, StoreError
+from malde_ostrel.workers.wiki.tool.auditlog import read_runs
+from malde_ostrel.workers.wiki.tool.journal import Journal, write_atomic
+from malde_ostrel.workers.wiki.tool.locking import store_lock
+from malde_ostrel.workers.wiki.tool.reports import DoctorReport
+from malde_ostrel.workers.wiki.tool.store import Database, Repository, StoreError
 
 _TABLES = ("wiki_pages", "plan_commits", "archive", "journal")
 

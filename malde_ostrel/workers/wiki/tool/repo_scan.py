@@ -24,8 +24,8 @@ import stat
 from collections.abc import Callable, Iterable
 from pathlib import Path
 
-from malde_ostrel.workers.wiki import git_io
 from malde_ostrel.workers.wiki.repo_facts import _norm, blob_id
+from malde_ostrel.workers.wiki.tool import git_io
 
 # Branch of a plain directory, or of a work tree whose HEAD is detached.
 DEFAULT_BRANCH = "main"

@@ -29,14 +29,15 @@ from functools import partial
 from pathlib import Path
 from typing import Any, Final
 
-from malde_ostrel.workers.wiki import carry, plan_record, planner, renames, repo_scan
-from malde_ostrel.workers.wiki.auditlog import page_history, read_runs
-from malde_ostrel.workers.wiki.journal import PLAN_LOG_NAME, Journal, new_run_id
-from malde_ostrel.workers.wiki.locking import store_lock
+from malde_ostrel.workers.wiki import plan_record
 from malde_ostrel.workers.wiki.orchestrator import WikiGenerator, page_columns
 from malde_ostrel.workers.wiki.replan_carry import ReplanRemap, amend
 from malde_ostrel.workers.wiki.repo_facts import _norm
-from malde_ostrel.workers.wiki.reports import (
+from malde_ostrel.workers.wiki.tool import carry, planner, renames, repo_scan
+from malde_ostrel.workers.wiki.tool.auditlog import page_history, read_runs
+from malde_ostrel.workers.wiki.tool.journal import PLAN_LOG_NAME, Journal, new_run_id
+from malde_ostrel.workers.wiki.tool.locking import store_lock
+from malde_ostrel.workers.wiki.tool.reports import (
     ArchiveEntry,
     CitationError,
     DoctorReport,
@@ -51,7 +52,7 @@ from malde_ostrel.workers.wiki.reports import (
     StatusReport,
     WikiError,
 )
-from malde_ostrel.workers.wiki.store import SCHEMA_VERSION, Database, Repository, StoredPlans, StoreError
+from malde_ostrel.workers.wiki.tool.store import SCHEMA_VERSION, Database, Repository, StoredPlans, StoreError
 from malde_ostrel.workers.wiki.types import PagePlan
 from malde_ostrel.workers.wiki.verify import prose_citations
 from malde_ostrel.workers.wiki_types import PINNED_LEVELS
@@ -426,7 +427,7 @@ class Wiki:
                             f"page {page_id} is planned but not yet of record on "
                             f"branch {self.branch}; run `{PROG} plan` first"
                         )
-                    from malde_ostrel.workers.wiki import citecheck
+                    from malde_ostrel.workers.wiki.tool import citecheck
 
                     problems = citecheck.check(body, citecheck.covered(plan, plans, snap.paths), snap)
                     if problems and strict:
@@ -574,7 +575,7 @@ class Wiki:
     def doctor(self) -> DoctorReport:
         """Check the store and the branch's log and texts; repair what can be
         repaired, keeping a backup of what it changes."""
-        from malde_ostrel.workers.wiki import doctor
+        from malde_ostrel.workers.wiki.tool import doctor
 
         return doctor.doctor(self.store, self.wiki_dir, self.branch)
 

@@ -16,7 +16,7 @@ import re
 from collections.abc import Callable, Iterable
 from typing import NamedTuple
 
-from malde_ostrel.workers.wiki.globs import glob_regex
+from malde_ostrel.workers.wiki.tool.globs import glob_regex
 
 ATTRIBUTES_FILE = ".gitattributes"
 MARKS: frozenset[str] = frozenset({"linguist-vendored", "linguist-generated"})

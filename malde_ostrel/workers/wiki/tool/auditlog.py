@@ -6,7 +6,7 @@ import json
 from pathlib import Path
 from typing import Any
 
-from malde_ostrel.workers.wiki.reports import HistoryEvent
+from malde_ostrel.workers.wiki.tool.reports import HistoryEvent
 
 
 def read_runs(log: Path) -> tuple[list[dict[str, Any]], list[int]]:

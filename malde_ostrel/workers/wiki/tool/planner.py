@@ -37,10 +37,10 @@ from collections.abc import Callable, Iterable
 from pathlib import Path
 from typing import Any, NamedTuple, Protocol
 
-from malde_ostrel.workers.wiki import attributes, plan_cache, splits
-from malde_ostrel.workers.wiki.globs import glob_regex
 from malde_ostrel.workers.wiki.page_sources import unit_topic
-from malde_ostrel.workers.wiki.repo_scan import Snapshot
+from malde_ostrel.workers.wiki.tool import attributes, plan_cache, splits
+from malde_ostrel.workers.wiki.tool.globs import glob_regex
+from malde_ostrel.workers.wiki.tool.repo_scan import Snapshot
 from malde_ostrel.workers.wiki.types import PagePlan
 
 SOURCE_EXTENSIONS: frozenset[str] = frozenset(

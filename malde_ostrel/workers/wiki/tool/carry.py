@@ -14,9 +14,9 @@ from collections.abc import Iterable, Mapping
 from pathlib import Path
 from typing import Any, NamedTuple
 
-from malde_ostrel.workers.wiki.journal import Journal
 from malde_ostrel.workers.wiki.replan_carry import ReplanRemap
-from malde_ostrel.workers.wiki.store import Repository
+from malde_ostrel.workers.wiki.tool.journal import Journal
+from malde_ostrel.workers.wiki.tool.store import Repository
 from malde_ostrel.workers.wiki.types import PagePlan
 
 

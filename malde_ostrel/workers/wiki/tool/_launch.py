@@ -18,7 +18,7 @@ import os
 import sys
 from pathlib import Path
 
-from malde_ostrel.workers.wiki import git_io
+from malde_ostrel.workers.wiki.tool import git_io
 
 PROG = "ostrel-wiki"
 NATIVE = "malde_ostrel.workers.wiki.plan_record"
@@ -81,7 +81,7 @@ def main() -> int:
                 file=sys.stderr,
             )
             return 1
-        package_dir = Path(__file__).resolve().parents[2]
+        package_dir = Path(__file__).resolve().parents[3]
         if not sys.flags.safe_path and installed_copy(package_dir.parent) is not None:
             sys.stdout.flush()
             sys.stderr.flush()
@@ -92,7 +92,7 @@ def main() -> int:
                 pass  # fall through to the advice
         print(NOT_BUILT, file=sys.stderr)
         return 1
-    from malde_ostrel.workers.wiki.cli import main as cli_main
+    from malde_ostrel.workers.wiki.tool.cli import main as cli_main
 
     return cli_main()
 

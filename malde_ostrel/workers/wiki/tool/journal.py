@@ -16,7 +16,7 @@ import os
 from pathlib import Path
 from typing import Any, Final
 
-from malde_ostrel.workers.wiki.store import Database
+from malde_ostrel.workers.wiki.tool.store import Database
 
 PLAN_LOG_NAME: Final = "plan-log.jsonl"
 LOG_MAX_LINES: Final = 2000
