@@ -29,13 +29,14 @@ bool text_is(PyObject* o, const char* ascii) {
 // ----------------------------------------------------------------------------
 // Plain records: attribute reads that run no Python code
 
-// Whether reading the attributes `fields` of an instance of exactly `type_obj`
-// runs no Python code: a heap class of metaclass `type` whose MRO is (itself,
-// object), with the default attribute access (no `__getattribute__` or
-// `__getattr__`), none of the fields a descriptor of the class or of `object`.
-// Such a read looks in the instance and then takes a plain class default, or
-// fails with AttributeError. `required` gets the fields without a class
-// default (a read of the others never fails).
+// Whether reading the attributes `fields` of a quiet instance (below) of
+// exactly `type_obj` runs no Python code: a heap class of metaclass `type`
+// whose MRO is (itself, object), with the default attribute access (no
+// `__getattribute__` or `__getattr__`), only exact texts as keys of its dict,
+// none of the fields a descriptor of the class or of `object`. Such a read
+// looks in the instance and then takes a plain class default, or fails with
+// AttributeError. `required` gets the fields without a class default (a read
+// of the others never fails).
 bool plain_record_class(PyObject* type_obj, PyObject* fields, std::vector<PyObject*>* required = nullptr) {
   if (!PyType_Check(type_obj) || Py_TYPE(type_obj) != &PyType_Type) return false;
   auto* type = reinterpret_cast<PyTypeObject*>(type_obj);
@@ -46,6 +47,7 @@ bool plain_record_class(PyObject* type_obj, PyObject* fields, std::vector<PyObje
     return false;
   }
   Ref own = check(PyType_GetDict(type));
+  if (!text_keys(own.get())) return false;
   Ref base = check(PyType_GetDict(&PyBaseObject_Type));
   for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(fields); ++i) {
     PyObject* field = PyTuple_GET_ITEM(fields, i);
@@ -55,6 +57,19 @@ bool plain_record_class(PyObject* type_obj, PyObject* fields, std::vector<PyObje
     if (!on_class && required) required->push_back(field);
   }
   return true;
+}
+
+// Whether the instance's own attributes read without running Python code: its
+// instance dict holds only exact texts as keys. (Asking for the dict makes one
+// for an instance that keeps its attributes inline, whose keys are texts.)
+bool quiet_instance(PyObject* o) {
+  Ref dict = Ref::steal_maybe(PyObject_GenericGetDict(o, nullptr));
+  if (!dict) {
+    if (!PyErr_ExceptionMatches(PyExc_AttributeError)) raise();
+    PyErr_Clear();
+    return false;
+  }
+  return text_keys(dict.get());
 }
 
 // An attribute of a plain record (above), or an empty Ref when it is missing.
@@ -88,7 +103,10 @@ class RecordEquality {
     if (!PyType_Check(record_type)) return;
     auto* type = reinterpret_cast<PyTypeObject*>(record_type);
     Ref own = check(PyType_GetDict(type));
-    if (!dict_find(own.get(), n.dunder_dataclass_params) || dict_find(own.get(), n.dunder_class)) return;
+    if (!text_keys(own.get()) || !dict_find(own.get(), n.dunder_dataclass_params) ||
+        dict_find(own.get(), n.dunder_class)) {
+      return;
+    }
     Ref eq = dict_find(own.get(), n.dunder_eq);
     if (!eq || !PyFunction_Check(eq.get())) return;
     Ref qualname = getattr(eq.get(), n.dunder_qualname);
@@ -134,10 +152,10 @@ class RecordEquality {
   explicit operator bool() const noexcept { return static_cast<bool>(fields_); }
 
   // The page id of `o` when it is a plain instance: of exactly the record type,
-  // every compared field readable (those without a class default are read),
-  // the page id an exact text. Reading runs no Python code.
+  // quiet, every compared field readable (those without a class default are
+  // read), the page id an exact text. Reading runs no Python code.
   Ref plain_id(PyObject* o) const {
-    if (Py_TYPE(o) != type_) return Ref();
+    if (Py_TYPE(o) != type_ || !quiet_instance(o)) return Ref();
     Ref id = plain_attribute(o, PyTuple_GET_ITEM(fields_.get(), 0));
     if (!id || !PyUnicode_CheckExact(id.get())) return Ref();
     for (PyObject* field : required_) {
@@ -409,7 +427,7 @@ Ref demote_unrecorded_families(const Call& call, PyObject* fresh_plans, PyObject
     bool no_parent = record_type && plain_record_class(record_type.get(), fields.get());
     for (Py_ssize_t i = 0; no_parent && i < PyList_GET_SIZE(fresh_plans); ++i) {
       PyObject* plan = PyList_GET_ITEM(fresh_plans, i);
-      no_parent = Py_TYPE(plan) == reinterpret_cast<PyTypeObject*>(record_type.get());
+      no_parent = Py_TYPE(plan) == reinterpret_cast<PyTypeObject*>(record_type.get()) && quiet_instance(plan);
       Ref pid = no_parent ? plain_attribute(plan, n.page_id) : Ref();
       Ref children = pid ? plain_attribute(plan, n.children) : Ref();
       no_parent = pid && PyUnicode_CheckExact(pid.get()) && children && PyList_CheckExact(children.get());
