@@ -88,6 +88,17 @@ inline Ref next(PyObject* iterator) {
 inline Ref new_list(Py_ssize_t n = 0) { return check(PyList_New(n)); }
 inline void append(PyObject* list, PyObject* item) { check(PyList_Append(list, item)); }
 inline Ref new_dict() { return check(PyDict_New()); }
+// Whether every key of a dict is an exact text: a lookup by an exact text then
+// compares texts only, and runs no Python code (another key's `__eq__` could).
+inline bool text_keys(PyObject* dict) {
+  Py_ssize_t pos = 0;
+  PyObject* key;
+  PyObject* value;
+  while (PyDict_Next(dict, &pos, &key, &value)) {
+    if (!PyUnicode_CheckExact(key)) return false;
+  }
+  return true;
+}
 inline Ref new_set() { return check(PySet_New(nullptr)); }
 inline Ref text(const char* utf8) { return check(PyUnicode_FromString(utf8)); }
 inline Ref interned(const char* utf8) { return check(PyUnicode_InternFromString(utf8)); }

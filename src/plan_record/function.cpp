@@ -26,7 +26,10 @@ Ref namespace_binding(PyObject* module, PyObject* name) {
 
 Ref Call::global(PyObject* name) const { return module_global(fn_->module, name); }
 
-Ref Call::global_if_bound(PyObject* name) const { return namespace_binding(fn_->module, name); }
+Ref Call::global_if_bound(PyObject* name) const {
+  if (!text_keys(PyModule_GetDict(fn_->module))) return Ref();
+  return namespace_binding(fn_->module, name);
+}
 
 Ref module_global(PyObject* module, PyObject* name) {
   if (Ref bound = namespace_binding(module, name)) return bound;

@@ -25,9 +25,11 @@ class Call {
   // A module-level name, looked up now in the module's namespace, then in the
   // builtins; NameError as Python raises it when neither holds the name.
   Ref global(PyObject* name) const;
-  // The module namespace's binding of `name`, or an empty Ref: for fast paths
-  // that look up a name the steps themselves do not read, where a missing
-  // name must change nothing but the path taken.
+  // The module namespace's binding of `name`, or an empty Ref when it is
+  // unbound or when the lookup could run Python code (a key of the namespace
+  // not an exact text): for fast paths that look up a name the steps
+  // themselves do not read, where the lookup must change nothing but the path
+  // taken.
   Ref global_if_bound(PyObject* name) const;
 
  private:

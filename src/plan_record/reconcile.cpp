@@ -29,13 +29,14 @@ bool text_is(PyObject* o, const char* ascii) {
 // ----------------------------------------------------------------------------
 // Plain records: attribute reads that run no Python code
 
-// Whether reading the attributes `fields` of an instance of exactly `type_obj`
-// runs no Python code: a heap class of metaclass `type` whose MRO is (itself,
-// object), with the default attribute access (no `__getattribute__` or
-// `__getattr__`), none of the fields a descriptor of the class or of `object`.
-// Such a read looks in the instance and then takes a plain class default, or
-// fails with AttributeError. `required` gets the fields without a class
-// default (a read of the others never fails).
+// Whether reading the attributes `fields` of a quiet instance (below) of
+// exactly `type_obj` runs no Python code: a heap class of metaclass `type`
+// whose MRO is (itself, object), with the default attribute access (no
+// `__getattribute__` or `__getattr__`), only exact texts as keys of its dict,
+// none of the fields a descriptor of the class or of `object`. Such a read
+// looks in the instance and then takes a plain class default, or fails with
+// AttributeError. `required` gets the fields without a class default (a read
+// of the others never fails).
 bool plain_record_class(PyObject* type_obj, PyObject* fields, std::vector<PyObject*>* required = nullptr) {
   if (!PyType_Check(type_obj) || Py_TYPE(type_obj) != &PyType_Type) return false;
   auto* type = reinterpret_cast<PyTypeObject*>(type_obj);
@@ -46,6 +47,7 @@ bool plain_record_class(PyObject* type_obj, PyObject* fields, std::vector<PyObje
     return false;
   }
   Ref own = check(PyType_GetDict(type));
+  if (!text_keys(own.get())) return false;
   Ref base = check(PyType_GetDict(&PyBaseObject_Type));
   for (Py_ssize_t i = 0; i < PyTuple_GET_SIZE(fields); ++i) {
     PyObject* field = PyTuple_GET_ITEM(fields, i);
@@ -55,6 +57,19 @@ bool plain_record_class(PyObject* type_obj, PyObject* fields, std::vector<PyObje
     if (!on_class && required) required->push_back(field);
   }
   return true;
+}
+
+// Whether the instance's own attributes read without running Python code: its
+// instance dict holds only exact texts as keys. (Asking for the dict makes one
+// for an instance that keeps its attributes inline, whose keys are texts.)
+bool quiet_instance(PyObject* o) {
+  Ref dict = Ref::steal_maybe(PyObject_GenericGetDict(o, nullptr));
+  if (!dict) {
+    if (!PyErr_ExceptionMatches(PyExc_AttributeError)) raise();
+    PyErr_Clear();
+    return false;
+  }
+  return text_keys(dict.get());
 }
 
 // An attribute of a plain record (above), or an empty Ref when it is missing.
@@ -88,7 +103,10 @@ class RecordEquality {
     if (!PyType_Check(record_type)) return;
     auto* type = reinterpret_cast<PyTypeObject*>(record_type);
     Ref own = check(PyType_GetDict(type));
-    if (!dict_find(own.get(), n.dunder_dataclass_params) || dict_find(own.get(), n.dunder_class)) return;
+    if (!text_keys(own.get()) || !dict_find(own.get(), n.dunder_dataclass_params) ||
+        dict_find(own.get(), n.dunder_class)) {
+      return;
+    }
     Ref eq = dict_find(own.get(), n.dunder_eq);
     if (!eq || !PyFunction_Check(eq.get())) return;
     Ref qualname = getattr(eq.get(), n.dunder_qualname);
@@ -134,10 +152,10 @@ class RecordEquality {
   explicit operator bool() const noexcept { return static_cast<bool>(fields_); }
 
   // The page id of `o` when it is a plain instance: of exactly the record type,
-  // every compared field readable (those without a class default are read),
-  // the page id an exact text. Reading runs no Python code.
+  // quiet, every compared field readable (those without a class default are
+  // read), the page id an exact text. Reading runs no Python code.
   Ref plain_id(PyObject* o) const {
-    if (Py_TYPE(o) != type_) return Ref();
+    if (Py_TYPE(o) != type_ || !quiet_instance(o)) return Ref();
     Ref id = plain_attribute(o, PyTuple_GET_ITEM(fields_.get(), 0));
     if (!id || !PyUnicode_CheckExact(id.get())) return Ref();
     for (PyObject* field : required_) {
@@ -308,6 +326,16 @@ bool quiet_levels(PyObject* levels) {
   return true;
 }
 
+// Whether `files` is an exact list of exact texts: iterating it and hashing
+// its items runs no Python code.
+bool text_list(PyObject* files) {
+  if (!PyList_CheckExact(files)) return false;
+  for (Py_ssize_t i = 0; i < PyList_GET_SIZE(files); ++i) {
+    if (!PyUnicode_CheckExact(PyList_GET_ITEM(files, i))) return false;
+  }
+  return true;
+}
+
 // The demotion's pinned paths. `pinned.update(files)` with an exact list of
 // exact texts runs no Python code, so no one can tell when it happens: such
 // updates wait, in order, until the set is needed or until Python code may run
@@ -316,15 +344,9 @@ class PinnedPaths {
  public:
   // pinned.update(files)
   void update(PyObject* files) {
-    if (PyList_CheckExact(files)) {
-      bool texts = true;
-      for (Py_ssize_t i = 0; texts && i < PyList_GET_SIZE(files); ++i) {
-        texts = PyUnicode_CheckExact(PyList_GET_ITEM(files, i));
-      }
-      if (texts && PyList_GET_SIZE(files)) {
-        pending_.push_back(Ref::borrow(files));
-        return;
-      }
+    if (text_list(files) && PyList_GET_SIZE(files)) {
+      pending_.push_back(Ref::borrow(files));
+      return;
     }
     flush();
     set_update(set_.get(), files);
@@ -353,27 +375,25 @@ Ref demote_unrecorded_families(const Call& call, PyObject* fresh_plans, PyObject
     Ref levels = call.global(n.PINNED_LEVELS);
     return contains(levels.get(), level);
   };
+  // Whether the names a row's step looks up are bound to plain values, the
+  // lookups running no Python code. Known until Python code may run.
+  bool names_quiet = false;
+  auto quiet_names = [&] {
+    Ref levels = call.global_if_bound(n.PINNED_LEVELS);
+    Ref pattern = call.global_if_bound(n.CATCH_ALL_RE);
+    return levels && quiet_levels(levels.get()) && pattern.is(st.catch_all_re);
+  };
   // Whether this row's step runs no Python code: an exact dict with text keys
-  // only, its level and files of plain kinds, the names holding plain values.
-  Ref verified_levels;
+  // only, its level an exact text or None, its files an exact list of exact
+  // texts or None, the names quiet.
   auto quiet_row = [&](PyObject* pid, PyObject* row) {
-    if (!PyUnicode_CheckExact(pid) || !PyDict_CheckExact(row)) return false;
-    Py_ssize_t pos = 0;
-    PyObject* key;
-    PyObject* value;
-    while (PyDict_Next(row, &pos, &key, &value)) {
-      if (!PyUnicode_CheckExact(key)) return false;
-    }
+    if (!PyUnicode_CheckExact(pid) || !PyDict_CheckExact(row) || !text_keys(row)) return false;
     Ref level = dict_find(row, n.level);
     if (level && !level.is(Py_None) && !PyUnicode_CheckExact(level.get())) return false;
     Ref files = dict_find(row, n.source_files);
-    if (files && !files.is(Py_None) && !PyList_CheckExact(files.get())) return false;
-    Ref levels = call.global(n.PINNED_LEVELS);
-    if (!levels.is(verified_levels.get()) || !PyFrozenSet_CheckExact(levels.get())) {
-      if (!quiet_levels(levels.get())) return false;
-      verified_levels = levels;
-    }
-    return call.global(n.CATCH_ALL_RE).is(st.catch_all_re);
+    if (files && !files.is(Py_None) && !text_list(files.get())) return false;
+    if (!names_quiet) names_quiet = quiet_names();
+    return names_quiet;
   };
 
   // Files that stored code pages pin (custom pages and the catch-all never do).
@@ -382,7 +402,9 @@ Ref demote_unrecorded_families(const Call& call, PyObject* fresh_plans, PyObject
   bool all_quiet = deferrable;
   for_each_item(n, existing, [&](PyObject* pid, PyObject* row) {
     if (!deferrable || !quiet_row(pid, row)) {
+      // The step may run Python code, which could change the lists and the names.
       all_quiet = false;
+      names_quiet = false;
       pinned.flush();
     }
     Ref level = row_level(n, row);
@@ -396,16 +418,16 @@ Ref demote_unrecorded_families(const Call& call, PyObject* fresh_plans, PyObject
 
   // When no fresh plan is a family parent that could lose its parent (children,
   // an id the store lacks, a code-unit level), and reading that runs no Python
-  // code, the set is never consulted: the result is a copy of the plans.
+  // code, the set is never consulted: the result is a copy of the plans. No
+  // Python code has run since the names were found quiet.
   if (all_quiet && PyList_CheckExact(fresh_plans)) {
     Ref record_type = call.global_if_bound(n.PagePlan);
     Ref fields = tuple_of({n.page_id, n.children, n.level});
     Ref levels = call.global(n.PINNED_LEVELS);
-    bool no_parent =
-        record_type && plain_record_class(record_type.get(), fields.get()) && quiet_levels(levels.get());
+    bool no_parent = record_type && plain_record_class(record_type.get(), fields.get());
     for (Py_ssize_t i = 0; no_parent && i < PyList_GET_SIZE(fresh_plans); ++i) {
       PyObject* plan = PyList_GET_ITEM(fresh_plans, i);
-      no_parent = Py_TYPE(plan) == reinterpret_cast<PyTypeObject*>(record_type.get());
+      no_parent = Py_TYPE(plan) == reinterpret_cast<PyTypeObject*>(record_type.get()) && quiet_instance(plan);
       Ref pid = no_parent ? plain_attribute(plan, n.page_id) : Ref();
       Ref children = pid ? plain_attribute(plan, n.children) : Ref();
       no_parent = pid && PyUnicode_CheckExact(pid.get()) && children && PyList_CheckExact(children.get());
