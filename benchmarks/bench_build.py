@@ -16,9 +16,11 @@ temporary directory:
 * the generated repository of ``bench_tool.py`` (8 copies of the standard
   library, about 19,000 files): a first ``plan`` and a first ``build``
   (goal: within 30 s), then, after a commit that edits one file, a warm
-  ``plan`` and ``build`` (goal: the build within 2x the warm plan).
+  ``plan`` and ``build`` (goal: the build within 2x the warm plan), with
+  each step's peak memory (``--copies 2,8``: at two sizes, to see it grow
+  with the tree).
 
-    python benchmarks/bench_build.py [--venv .venv] [--trees click,fmt,large] [--repeat 3] [--keep]
+    python benchmarks/bench_build.py [--venv .venv] [--trees click,fmt,large] [--copies 8] [--repeat 3] [--keep]
 
 The tool comes from the virtual environment ``--venv`` (``.venv``, as
 ``scripts/demo`` makes it). Until it has a ``build`` command, ``plan`` is
@@ -323,7 +325,7 @@ def main() -> None:
     parser.add_argument("--cache", type=Path, default=ROOT / ".bench-cache", help="downloaded sources")
     parser.add_argument("--trees", default=",".join(TREES), help="which comparisons (comma-separated)")
     parser.add_argument("--repeat", type=int, default=3, help="rounds per figure (median)")
-    parser.add_argument("--copies", type=int, default=8, help="copies of the standard library in the large tree")
+    parser.add_argument("--copies", default="8", help="copies of the standard library in the large tree, per size")
     parser.add_argument("--click-version", default=CLICK_VERSION, help="click release from PyPI")
     parser.add_argument("--debian-mirror", default=DEBIAN_MIRROR, help="where apt-get finds fmt's source")
     parser.add_argument("--keep", action="store_true", help="keep the repositories and outputs")
@@ -351,10 +353,12 @@ def main() -> None:
             peers = [doxygen("doxygen"), doxygen("doxygen no dot", "HAVE_DOT = NO\n")]
             rows = versus_peers(f"fmt {version}", repo, files, peers, tool, work / "fmt-runs", args.repeat)
             print_rows(rows)
-        if "large" in trees:
-            repo = work / "large"
-            files = build_repo(repo, args.copies)
-            print_rows(large_tree(f"stdlib x{args.copies}", repo, files, tool, work / "large-runs", args.repeat))
+        for copies in (int(c) for c in args.copies.split(",") if "large" in trees):
+            repo = work / f"large-{copies}"
+            files = build_repo(repo, copies)
+            print_rows(large_tree(f"stdlib x{copies}", repo, files, tool, work / "large-runs", args.repeat))
+            if not args.keep:
+                shutil.rmtree(repo)
 
 
 if __name__ == "__main__":
