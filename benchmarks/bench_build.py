@@ -64,6 +64,7 @@ import tarfile
 import tempfile
 from collections.abc import Callable, Sequence
 from dataclasses import dataclass, field
+from functools import partial
 from pathlib import Path
 
 from bench_tool import GIT, build_repo, scratch, timed
@@ -337,28 +338,47 @@ def main() -> None:
     subprocess.run([ROOT / "benchmarks" / "setup"], check=True, env={**os.environ, "BENCH_VENV": str(bench_venv)})
     tool = Tool(args.venv.resolve())
     cache = args.cache.resolve()
+    failed: list[str] = []
     with scratch("bench-build-", args.keep) as work:
-        print(HEADER)
-        sys.stdout.flush()
-        if "click" in trees:
+
+        def click() -> list[Row]:
             sdist = click_sdist(cache, bench_venv / "bin" / "python", args.click_version)
             repo, files = repo_from_tarball(sdist, work / "click")
-            rows = versus_peers(f"click {args.click_version}", repo, files, [pdoc(bench_venv, repo)], tool,
+            return versus_peers(f"click {args.click_version}", repo, files, [pdoc(bench_venv, repo)], tool,
                                 work / "click-runs", args.repeat)  # fmt: skip
-            print_rows(rows)
-        if "fmt" in trees:
+
+        def fmt() -> list[Row]:
             tarball = fmt_source(cache, args.debian_mirror)
             repo, files = repo_from_tarball(tarball, work / "fmt")
             version = tarball.name.split("_")[1].split(".orig")[0]
             peers = [doxygen("doxygen"), doxygen("doxygen no dot", "HAVE_DOT = NO\n")]
-            rows = versus_peers(f"fmt {version}", repo, files, peers, tool, work / "fmt-runs", args.repeat)
-            print_rows(rows)
-        for copies in (int(c) for c in args.copies.split(",") if "large" in trees):
+            return versus_peers(f"fmt {version}", repo, files, peers, tool, work / "fmt-runs", args.repeat)
+
+        def large(copies: int) -> list[Row]:
             repo = work / f"large-{copies}"
             files = build_repo(repo, copies)
-            print_rows(large_tree(f"stdlib x{copies}", repo, files, tool, work / "large-runs", args.repeat))
+            rows = large_tree(f"stdlib x{copies}", repo, files, tool, work / "large-runs", args.repeat)
             if not args.keep:
                 shutil.rmtree(repo)
+            return rows
+
+        runs: list[tuple[str, Callable[[], list[Row]]]] = []
+        if "click" in trees:
+            runs.append(("click", click))
+        if "fmt" in trees:
+            runs.append(("fmt", fmt))
+        if "large" in trees:
+            runs += [(f"stdlib x{c}", partial(large, int(c))) for c in args.copies.split(",")]
+        print(HEADER)
+        sys.stdout.flush()
+        for name, run in runs:
+            try:
+                print_rows(run())
+            except SystemExit as exc:  # a failing command: the other trees still count
+                print(f"{name}: {exc}", file=sys.stderr)
+                failed.append(name)
+    if failed:
+        raise SystemExit(f"failed: {', '.join(failed)}")
 
 
 if __name__ == "__main__":
