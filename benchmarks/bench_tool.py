@@ -30,6 +30,8 @@ import sys
 import sysconfig
 import tempfile
 import time
+from collections.abc import Iterator
+from contextlib import contextmanager
 from pathlib import Path
 
 SKIP_DIRS = {"__pycache__", "site-packages"}
@@ -45,6 +47,19 @@ derived = planner.derive(snap)
 hashes = snap.hashes(snap.paths)
 assert len(hashes) == len(snap.paths) and all(hashes.values())
 """
+
+
+@contextmanager
+def scratch(prefix: str, keep: bool) -> Iterator[Path]:
+    """A temporary folder for a run's repositories, removed after it unless ``keep``."""
+    work = Path(tempfile.mkdtemp(prefix=prefix))
+    try:
+        yield work
+    finally:
+        if keep:
+            print(f"repositories kept in {work}")
+        else:
+            shutil.rmtree(work, ignore_errors=True)
 
 
 def build_repo(where: Path, copies: int) -> int:
@@ -142,8 +157,7 @@ def main() -> None:
     )
     parser.add_argument("--keep", action="store_true", help="keep the generated repositories")
     args = parser.parse_args()
-    work = Path(tempfile.mkdtemp(prefix="bench-tool-"))
-    try:
+    with scratch("bench-tool-", args.keep) as work:
         print(f"{'files':>7}  {'step':<11} {'wall ms':>9} {'cpu ms':>8} {'us/file':>8} "
               f"{'peak MB':>8} {'x git status':>12}")  # fmt: skip
         for copies in (int(c) for c in args.copies.split(",")):
@@ -157,11 +171,6 @@ def main() -> None:
             sys.stdout.flush()
             if not args.keep:
                 shutil.rmtree(repo)
-    finally:
-        if args.keep:
-            print(f"repositories kept in {work}")
-        else:
-            shutil.rmtree(work, ignore_errors=True)
 
 
 if __name__ == "__main__":
