@@ -58,17 +58,12 @@ def receiver(
     moves: Mapping[str, str] | None = None,
 ) -> str | None:
     """The planned page that takes the text: the one the plan named, else the
-    one that takes most of the page's live files (the earliest on a tie),
-    each file where git saw it move to (``moves``: old path -> new path)."""
-    planned = {plan.page_id for plan in plans}
-    if named in planned:
-        return named
-    for fresh_id, old_id in remap.items():
-        if old_id == leaving.page_id and fresh_id in planned:
-            return fresh_id
-    for fresh_id, old_ids in remap.merged.items():
-        if leaving.page_id in old_ids and fresh_id in planned:
-            return fresh_id
+    one the replan put in its place, else the one that takes most of the
+    page's live files (the earliest on a tie), each file where git saw it
+    move (``moves``: old path -> new path). A named or replacing page that
+    holds fewer of those files than another (a package moved away from the
+    directory the plan named) gives way to it."""
+    planned = {plan.page_id: plan for plan in plans}
     moved = moves or {}
     files = {moved.get(path, path) for path in leaving.files}
     files.intersection_update(live)
@@ -77,6 +72,14 @@ def receiver(
         count = len(files.intersection(plan.source_files))
         if count > best_count and plan.page_id != leaving.page_id:
             best, best_count = plan.page_id, count
+    chosen = [named] if named is not None else []
+    chosen += [fresh_id for fresh_id, old_id in remap.items() if old_id == leaving.page_id]
+    chosen += [fresh_id for fresh_id, old_ids in remap.merged.items() if leaving.page_id in old_ids]
+    for page_id in chosen:
+        found = planned.get(page_id)
+        if found is not None:
+            holds = len(files.intersection(found.source_files))
+            return page_id if holds >= best_count or found.children else best
     return best
 
 

@@ -3,7 +3,7 @@
 Deriving the plan of a large tree takes several times longer than reading it
 back.  A plan is kept under a key made of everything ``planner.derive`` reads:
 the sorted live paths, the paths left out by name, the bytes of the steering
-file and of the attributes files, the directories the store holds as families, and the code of the modules that derive it.
+file and of the attributes files, the family parents the store holds, and the code of the modules that derive it.
 Any change of these gives another key, so a plan read back is the plan derive
 would give.  A value that does not read back as a plan counts as none.
 """

@@ -14,9 +14,10 @@ Rules (the same paths and steering always give the same plan, in the same order)
   files, and parts that take the sorted files in runs cut where the names
   say (see ``splits``), so that a file added or removed mostly leaves the
   other parts alone.  A part is ``<parent>-part-<its first file's name>``.
-  A directory the store already holds as a family (``families``) stays one
-  down to ``MIN_FAMILY_FILES`` files, its parts cut at the same names, so a
-  file added or removed at the split size does not flip the structure.
+  A directory whose parent the store already holds (its id in ``families``)
+  stays a family down to ``MIN_FAMILY_FILES`` files, its parts cut at the
+  same names, so a file added or removed at the split size does not flip
+  the structure.
 * Two non-code pages with literal ids: ``overview`` always, ``architecture``
   when there are at least ``ARCHITECTURE_MIN_CODE_PAGES`` code-unit pages.
 * Steering pages come from ``STEERING_FILE`` at the repository root (see
@@ -236,7 +237,7 @@ def _code_pages(by_dir: dict[str, list[str]], families: Collection[str] = ()) ->
         where = f"{directory}/" if directory else "the top-level directory"
         base = UNIT_PREFIX + slug(directory) if slug(directory) else ROOT_UNIT_ID
         score = len(files) / largest
-        kept_family = directory in families and len(files) >= MIN_FAMILY_FILES
+        kept_family = base in families and len(files) >= MIN_FAMILY_FILES
         if len(files) <= MAX_FILES_PER_PAGE and not kept_family:
             pages.append(
                 PagePlan(
@@ -311,7 +312,7 @@ def plan_pages(
     paths: Iterable[str], steering: Steering | None = None, families: Collection[str] = ()
 ) -> list[PagePlan]:
     """The fresh plan: overview pages, code-unit pages in path order, steering
-    pages; ``families``: the directories the store holds as families."""
+    pages; ``families``: the ids of the family parents the store holds."""
     every, by_dir = _by_directory(sorted(set(paths)))
     return _plan(every, by_dir, steering, families)
 
@@ -456,7 +457,7 @@ def derive(
     the ``exclude`` prefixes (the tool's own output, when it lives in the work
     tree), those ``.gitattributes`` files mark ``linguist-vendored`` or
     ``linguist-generated``, and those the steering file's ``exclude`` globs
-    match. ``families`` are the directories the store holds as families.
+    match. ``families`` are the ids of the family parents the store holds.
 
     With a ``cache``, a plan derived before from the same inputs (paths,
     exclusions, steering and attributes files, and this code) is taken from

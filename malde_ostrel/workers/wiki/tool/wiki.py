@@ -209,7 +209,8 @@ class Wiki:
             derived = planner.derive(snap, exclude=self._own_output())
         else:
             cache = StoredPlans(db, self.branch, write=write)
-            families = _family_dirs(Repository(db).rows(self.branch, columns=("source_files", "related_pages")))
+            rows = Repository(db).rows(self.branch, columns=("related_pages",))
+            families = {page_id for page_id, row in rows.items() if row["related_pages"]}
             derived = planner.derive(snap, exclude=self._own_output(), cache=cache, families=families)
         return derived, derived.steering
 
@@ -265,9 +266,10 @@ class Wiki:
         snap = self._snapshot()
         warnings: list[str] = []
         with self._session(write=True) as db:
-            derived, steering = self._derive(snap, db, write=True)
             repo, journal = Repository(db), Journal(db)
             with db.transaction():
+                # In the transaction: the plan it keeps goes with the rest, or not at all.
+                derived, steering = self._derive(snap, db, write=True)
                 unwritten = db.changes
                 gen = self._generator(db, snap, steering)
                 moves = self._moves(repo, snap)
@@ -686,19 +688,6 @@ def _finish(journal: Journal) -> list[str]:
 def unfinished(cause: str | None) -> list[str]:
     """The warning for file work a committed change left to the next run."""
     return [] if cause is None else [f"{cause}; the store holds the change and the next `{PROG}` run finishes it"]
-
-
-def _family_dirs(rows: dict[str, dict[str, Any]]) -> set[str]:
-    """The directories whose code the stored rows hold as a family (a parent
-    whose parts document files of one directory)."""
-    found: set[str] = set()
-    for page_id, row in rows.items():
-        if not row.get("related_pages"):
-            continue
-        dirs = {path.rpartition("/")[0] for path in carry.page_files(page_id, rows)}
-        if len(dirs) == 1:
-            found.update(dirs)
-    return found
 
 
 def _holds(body: str, text: str) -> bool:
