@@ -48,6 +48,24 @@ def test_a_page_that_leaves_and_comes_back_gets_its_text_as_a_draft(tmp_path: Pa
     assert "module-additional" in wiki.status().to_write
 
 
+def test_family_parts_that_collapse_and_split_again_get_their_texts_back(tmp_path: Path) -> None:
+    files = {f"big/f{i:02d}.py": f"v = {i}\n" for i in range(14)}
+    repo = make_repo(tmp_path / "repo", files)
+    wiki = Wiki.open(repo)
+    parts = [p.page_id for p in wiki.plan().pages if "-part-" in p.page_id]
+    for page_id in parts:
+        wiki.save(page_id, f"TEXT OF {page_id}\n")
+    gone = {f: files[f] for f in list(files)[7:]}
+    change(repo, drop=tuple(gone))
+    assert {a["page_id"] for a in wiki.plan().amendments if a["action"] == "carry"} == {"module-big"}
+    change(repo, gone)
+    report = wiki.plan()
+    assert sorted(a["page_id"] for a in report.amendments if a["action"] == "return") == sorted(parts)
+    for page_id in parts:
+        assert (wiki.pages_dir / f"{page_id}.md").read_text() == f"TEXT OF {page_id}\n"
+    assert all(p.draft for p in wiki.status().pages if p.page_id in parts)
+
+
 def test_a_moved_package_keeps_its_texts_in_the_pages_holding_its_files(tmp_path: Path) -> None:
     files = {f"flask/m{i:02d}.py": f"# {i}\n" + "".join(f"v{j} = {i * j}\n" for j in range(9)) for i in range(14)}
     for replan in (False, True):

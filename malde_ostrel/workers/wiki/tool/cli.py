@@ -264,7 +264,7 @@ def cmd_archive(wiki: Wiki, args: argparse.Namespace) -> Any:
 def cmd_restore(wiki: Wiki, args: argparse.Namespace) -> Any:
     if args.rev is not None:
         if args.into is not None:
-            raise WikiError("--into is for archive entries; a revision goes back to its own page")
+            raise WikiError("--into names the page for an archive entry; a revision goes back to its own page")
         revision = wiki.restore_revision(str(args.target), args.rev)
         for warning in revision.warnings:
             _warn(warning)
@@ -273,14 +273,7 @@ def cmd_restore(wiki: Wiki, args: argparse.Namespace) -> Any:
         kept = f"; the text it replaces is revision {revision.kept}" if revision.kept is not None else ""
         print(f"restored revision {revision.revision} of {revision.page_id}; it is marked to write{kept}")
         return None
-    try:
-        entry = _positive(str(args.target))
-    except argparse.ArgumentTypeError:
-        raise WikiError(
-            f"{args.target!r} is not an archive entry number; `{PROG} archive` lists them "
-            f"(a page's revision: `{PROG} restore PAGE --rev N`)"
-        ) from None
-    report = wiki.restore(entry, into=args.into)
+    report = wiki.restore(int(args.target), into=args.into)
     if args.json:
         return report
     print(f"restored entry {report.entry} ({report.page_id}) into {report.into}; it is marked to write")
@@ -454,7 +447,10 @@ def _store_message(exc: sqlite3.Error, store: str) -> str:
 
 
 def main(argv: Sequence[str] | None = None) -> int:
-    args = build_parser().parse_args(_argv(sys.argv[1:] if argv is None else argv))
+    parser = build_parser()
+    args = parser.parse_args(_argv(sys.argv[1:] if argv is None else argv))
+    if args.command == "restore" and args.rev is None and not str(args.target).isdigit():
+        parser.error(f"restore: {args.target!r} is not an archive entry number (a page's revision: PAGE --rev N)")
     if not hasattr(args, "json"):
         args.json = False
     handler: Callable[[Wiki, argparse.Namespace], Any] = args.handler
