@@ -142,6 +142,8 @@ def cmd_save(wiki: Wiki, args: argparse.Namespace) -> Any:
         return report
     print(f"saved {report.page_id}: {report.citations} citation(s), {len(report.sections)} citing section(s)")
     print(f"  body: {report.path}")
+    if report.revision is not None:
+        print(f"  the text it replaces is revision {report.revision} (`{PROG} history {report.page_id}`)")
     for section in report.sections:
         print(f"  {section['heading'] or '(lead-in)'}: {', '.join(section['files'])}")
     return None

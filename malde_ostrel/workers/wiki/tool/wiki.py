@@ -7,10 +7,11 @@
   amendments (new pages get rows, retired pages go, their texts go where their
   files went or to the archive, changed family parents are marked to write)
   and journals the audit record, all in one store transaction;
-* ``save`` stores a page's text: the body beside its place, the row and the
-  move into place in one commit;
-* ``status``, ``show``, ``log``, ``history`` and ``archive`` read;
-  ``restore`` gives an archived text to a planned page; ``doctor`` checks
+* ``save`` stores a page's text: the body beside its place, the row, the
+  text it replaces (as a revision) and the move into place in one commit;
+* ``status``, ``show``, ``log``, ``history``, ``archive``, ``revisions`` and
+  ``revision`` read; ``restore`` gives an archived text to a planned page,
+  ``restore_revision`` a page one of its earlier texts; ``doctor`` checks
   and repairs the store and the log.
 
 Runs that write hold the store's lock and do every read that decides what to
@@ -307,7 +308,7 @@ class Wiki:
                 # Only the texts of retired pages go anywhere: the live paths tell where.
                 live = set(snap.paths) if retired else set()
                 records.extend(_carry(carrier, retired, rows, amendments, remap, plans, live, moves))
-                if not first:
+                if not first and {plan.page_id for plan in plans}.difference(rows):
                     for entry in carry.returning(repo.archived(self.branch), plans, rows):
                         records.append(carrier.give_back(entry))
                 gen._mark_synthesis_stale(carrier.finish())
@@ -528,7 +529,7 @@ class Wiki:
             kept = Repository(db).revisions(self.branch, page_id)
         body = revisions.read_body(self.pages_dir / f"{page_id}.md")
         if rev is not None:
-            body = _revision_text(kept, page_id, rev)
+            body = self.revision(page_id, rev).text
         return ShowReport(
             page_id,
             plan.title,
@@ -709,13 +710,6 @@ def _revision(page_id: str, raw: dict[str, Any], *, with_text: bool = False) -> 
         first[:80],
         text if with_text else None,
     )
-
-
-def _revision_text(kept: list[dict[str, Any]], page_id: str, n: int) -> str:
-    if not 1 <= n <= len(kept):
-        raise WikiError(f"page {page_id} has no revision {n}; `{PROG} history {page_id}` lists them")
-    data: bytes = kept[n - 1]["body"]
-    return data.decode("utf-8", "surrogateescape")
 
 
 def _record_new_pages(gen: WikiGenerator, plans: list[PagePlan], stored: set[str]) -> None:
