@@ -27,12 +27,17 @@ BODY = (
 
 
 def run(
-    repo: Path, *args: str, code: int = 0, env: dict[str, str] | None = None, cwd: Path | None = None
+    repo: Path,
+    *args: str,
+    code: int = 0,
+    env: dict[str, str] | None = None,
+    cwd: Path | None = None,
+    input: str | None = None,
 ) -> subprocess.CompletedProcess[str]:
     where = [] if cwd else ["--repo", str(repo)]
     done = subprocess.run([sys.executable, "-P", "-m", "malde_ostrel.workers.wiki", *where, *args],
                           cwd=cwd or repo.parent, env=env or ENV, capture_output=True, text=True,
-                          timeout=300)  # fmt: skip
+                          timeout=300, input=input)  # fmt: skip
     assert done.returncode == code, (done.stdout, done.stderr)
     return done
 
@@ -150,6 +155,17 @@ def test_saved_page_shows_its_stale_section_after_an_edit(repo: Path, body: Path
     states = {p["page_id"]: (p["state"], p["to_write"]) for p in again["pages"]}
     assert (states["module-core"], states["module-big-part-f00"]) == (("kept", True), ("kept", False))
     assert "module-core" in run(repo, "history", "module-core").stdout
+
+    # A second text keeps the first as revision 1, shown and brought back by number.
+    run(repo, "save", "module-core", "-", input="# Core\n\nsecond\n")
+    history = json.loads(run(repo, "history", "module-core", "--json").stdout)
+    assert [(r["n"], r["saved"], r["replaced_by"]) for r in history["revisions"]] == [(1, True, "save")]
+    assert run(repo, "show", "module-core", "--rev", "1").stdout.endswith(BODY + "\n")
+    assert "no revision 2" in run(repo, "show", "module-core", "--rev", "2", code=1).stderr
+    assert "is not an archive entry number" in run(repo, "restore", "module-core", code=2).stderr
+    restored = json.loads(run(repo, "restore", "module-core", "--rev", "1", "--json").stdout)
+    assert (restored["revision"], restored["kept"]) == (1, 2)
+    assert (repo / WIKI / "pages/module-core.md").read_text(encoding="utf-8") == BODY
 
 
 def test_steering_pages_and_text(repo: Path, body: Path) -> None:

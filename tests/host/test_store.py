@@ -46,6 +46,23 @@ def test_schema_created_reopened_and_newer_or_foreign_refused(tmp_path: Path) ->
         Database.open(tmp_path / "text.db")
 
 
+def test_a_store_of_the_previous_release_is_migrated_with_its_rows(tmp_path: Path) -> None:
+    from malde_ostrel.workers.wiki.tool.store import _MIGRATIONS
+
+    path = tmp_path / "old.db"
+    with sqlite3.connect(path) as conn:  # the schema the previous release wrote
+        for statement in (s for step in _MIGRATIONS[:2] for s in step):
+            conn.execute(statement)
+        conn.execute("PRAGMA user_version = 2")
+        conn.execute("INSERT INTO wiki_pages (branch, page_id, title, updated_at) VALUES ('main', 'p', 'P', 'now')")
+    with Database.open(path) as db:
+        repo = Repository(db)
+        assert repo.rows("main")["p"]["title"] == "P" and repo.revisions("main", "p") == []
+        assert [repo.keep_revision("main", "p", t, saved=True, replaced_by="save") for t in (b"a", b"b")] == [1, 2]
+        assert [(r["n"], r["body"]) for r in repo.revisions("main", "p")] == [(1, b"a"), (2, b"b")]
+        assert repo.revisions("main", "p", 2)[0]["body"] == b"b" and repo.revisions("main", "p", 3) == []
+
+
 def test_rows_round_trip_with_defaults_order_and_branches(db: Database) -> None:
     repo = Repository(db)
     cache = {"sections": [{"heading": "A", "files": ["a.c"]}], "file_hashes": {"a.c": None}}

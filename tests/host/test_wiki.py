@@ -110,8 +110,14 @@ def test_texts_follow_their_files_through_a_history(repo: Path) -> None:
         texts.save(part)
     texts.check()
 
-    # The family collapses: the parts' texts go into the page that takes their files.
-    change(repo, drop=tuple(f"big/f{i:02d}.py" for i in range(10, 14)))
+    # Back at the split size and a little under it, the family stays as it is.
+    for dropped in ("big/f13.py", "big/f12.py"):
+        change(repo, drop=(dropped,))
+        assert {a["action"] for a in wiki.plan().amendments} <= {"files"}
+    change(repo, {"big/f13.py": "x = 13\n"})
+    assert {a["action"] for a in wiki.plan().amendments} <= {"files"}
+    # Well under it, the family collapses: the parts' texts go into the page that takes their files.
+    change(repo, drop=tuple(f"big/f{i:02d}.py" for i in (7, 8, 9, 10, 11, 13)))
     report = wiki.plan()
     carried = [a for a in report.amendments if a["action"] == "carry"]
     assert {a["page_id"] for a in carried} == {"module-big"} and len(carried) == 2

@@ -15,7 +15,9 @@ from malde_ostrel.workers.wiki.page_retirement import PageRetirementMixin
 from malde_ostrel.workers.wiki.plan_record import PlanRecordMixin
 from malde_ostrel.workers.wiki.repo_facts import _norm, _text_hash, file_hash
 from malde_ostrel.workers.wiki.steering import SteeringMixin
-from malde_ostrel.workers.wiki.tool.journal import Journal, temp_beside
+from malde_ostrel.workers.wiki.tool import revisions
+from malde_ostrel.workers.wiki.tool.journal import Journal, finish, temp_beside
+from malde_ostrel.workers.wiki.tool.revisions import body_bytes
 from malde_ostrel.workers.wiki.tool.store import Repository
 from malde_ostrel.workers.wiki.types import PagePlan, section_of
 from malde_ostrel.workers.wiki.verify import prose_citations
@@ -54,6 +56,8 @@ class GeneratorBase(PageRetirementMixin, SteeringMixin):
         self.pages_dir = pages_dir
         self.steering_text = steering_text
         self._existing: dict[str, dict[str, Any]] = repository.rows(branch)
+        self.kept: dict[str, int] = {}  # page id -> the revision its last save kept
+        self.unfinished: list[str] = []  # file work of committed saves left to the next run
 
     if TYPE_CHECKING:
         # Provided by the plan-of-record mixin; defining it here would shadow it.
@@ -89,12 +93,19 @@ class GeneratorBase(PageRetirementMixin, SteeringMixin):
         # Without steering (the usual case) the hashes are returned as they came.
         return self._with_steering(hashes) if self.steering_text else hashes
 
-    def save_page(self, plan: PagePlan, body: str, citations: list[dict[str, Any]] | None = None) -> dict[str, Any]:
+    def save_page(
+        self, plan: PagePlan, body: str, citations: list[dict[str, Any]] | None = None, *, replaced_by: str = "save"
+    ) -> dict[str, Any]:
         """Store a page's prose: its body file and its row, now fresh.
 
         The row's hashes cover the plan's files, or the files the row records
         when the plan has none; those recorded files are kept on such a row, so
-        the next stale check hashes the same set.
+        the next stale check hashes the same set. The text the page held is
+        kept as a revision in the same commit (``kept`` maps the page id to its
+        number; ``replaced_by`` names the writer). Outside a caller's
+        transaction the body is moved into place at once; a failure after the
+        commit is added to ``unfinished`` (the next run finishes it), since the
+        save itself took effect.
         """
         if citations is None:
             citations = prose_citations(body)
@@ -103,12 +114,16 @@ class GeneratorBase(PageRetirementMixin, SteeringMixin):
         # The body goes to a file beside its place first; the row and the move
         # into place are one commit, and the move itself follows it (the
         # journal finishes it should this process stop in between).
-        temp = temp_beside(target, body.encode("utf-8", "surrogatepass"))
+        data = body_bytes(body)
+        temp = temp_beside(target, data)
         journal = Journal(self.repository.db)
         try:
             with self.repository.db.transaction():
                 stored = self.repository.row(self.branch, plan.page_id)
                 recorded: list[str] = list(stored["source_files"]) if stored else []
+                kept = revisions.keep(
+                    self.repository, self.branch, self.pages_dir, plan.page_id, data, replaced_by=replaced_by
+                )
                 if plan.source_files or plan.children:
                     source_files = plan.stored_source_files()
                 else:
@@ -129,8 +144,13 @@ class GeneratorBase(PageRetirementMixin, SteeringMixin):
         except BaseException:
             temp.unlink(missing_ok=True)
             raise
-        if not self.repository.db.in_transaction:
-            journal.replay()  # else the caller's commit comes first, then its replay
+        self.kept.pop(plan.page_id, None)
+        if kept is not None:
+            self.kept[plan.page_id] = kept
+        if not self.repository.db.in_transaction:  # else the caller's commit comes first, then its replay
+            cause = finish(journal)
+            if cause is not None:
+                self.unfinished.append(cause)
         self.reload()
         return self._existing[plan.page_id]
 

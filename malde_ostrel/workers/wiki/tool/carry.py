@@ -15,7 +15,9 @@ from pathlib import Path
 from typing import Any, NamedTuple
 
 from malde_ostrel.workers.wiki.replan_carry import ReplanRemap
+from malde_ostrel.workers.wiki.tool import revisions
 from malde_ostrel.workers.wiki.tool.journal import Journal
+from malde_ostrel.workers.wiki.tool.revisions import read_body
 from malde_ostrel.workers.wiki.tool.store import Repository
 from malde_ostrel.workers.wiki.types import PagePlan
 
@@ -27,13 +29,6 @@ class Leaving(NamedTuple):
     title: str
     files: list[str]
     body: str
-
-
-def read_body(path: Path) -> str | None:
-    try:
-        return path.read_bytes().decode("utf-8", "surrogateescape")
-    except FileNotFoundError:
-        return None
 
 
 def page_files(page_id: str, rows: Mapping[str, Mapping[str, Any]]) -> list[str]:
@@ -55,25 +50,36 @@ def compose(current: str | None, leaving: Leaving) -> str:
 
 
 def receiver(
-    leaving: Leaving, named: str | None, remap: ReplanRemap, plans: list[PagePlan], live: set[str]
+    leaving: Leaving,
+    named: str | None,
+    remap: ReplanRemap,
+    plans: list[PagePlan],
+    live: set[str],
+    moves: Mapping[str, str] | None = None,
 ) -> str | None:
     """The planned page that takes the text: the one the plan named, else the
-    one that takes most of the page's live files (the earliest on a tie)."""
-    planned = {plan.page_id for plan in plans}
-    if named in planned:
-        return named
-    for fresh_id, old_id in remap.items():
-        if old_id == leaving.page_id and fresh_id in planned:
-            return fresh_id
-    for fresh_id, old_ids in remap.merged.items():
-        if leaving.page_id in old_ids and fresh_id in planned:
-            return fresh_id
-    files = {path for path in leaving.files if path in live}
+    one the replan put in its place, else the one that takes most of the
+    page's live files (the earliest on a tie), each file where git saw it
+    move (``moves``: old path -> new path). A named or replacing page that
+    holds fewer of those files than another (a package moved away from the
+    directory the plan named) gives way to it."""
+    planned = {plan.page_id: plan for plan in plans}
+    moved = moves or {}
+    files = {moved.get(path, path) for path in leaving.files}
+    files.intersection_update(live)
     best, best_count = None, 0
     for plan in plans:
         count = len(files.intersection(plan.source_files))
         if count > best_count and plan.page_id != leaving.page_id:
             best, best_count = plan.page_id, count
+    chosen = [named] if named is not None else []
+    chosen += [fresh_id for fresh_id, old_id in remap.items() if old_id == leaving.page_id]
+    chosen += [fresh_id for fresh_id, old_ids in remap.merged.items() if leaving.page_id in old_ids]
+    for page_id in chosen:
+        found = planned.get(page_id)
+        if found is not None:
+            holds = len(files.intersection(found.source_files))
+            return page_id if holds >= best_count or found.children else best
     return best
 
 
@@ -117,11 +123,42 @@ class Carrier:
             "entry": entry,
         }
 
-    def finish(self) -> list[str]:
-        """Journal the receiving bodies; the receiving page ids."""
+    def give_back(self, entry: Mapping[str, Any]) -> dict[str, Any]:
+        """Give a page that came back into the plan the text it left with
+        (archive entry ``entry``) as its draft; the audit record."""
+        page_id = str(entry["page_id"])
+        leaving = Leaving(page_id, str(entry["title"]), list(entry["files"]), str(entry["body"]))
+        self.drafts[page_id] = compose(self.body(page_id), leaving)
+        if page_id not in self.receivers:
+            self.receivers.append(page_id)
+        self.repository.settle_archive(self.branch, entry=int(entry["id"]), to=page_id, still_open=True)
+        return {
+            "action": "return",
+            "page_id": page_id,
+            "reason": f"back in the plan; its text comes back from archive entry {entry['id']} as its draft",
+            "entry": entry["id"],
+        }
+
+    def finish(self, replaced_by: str = "carry") -> list[str]:
+        """Journal the receiving bodies, keeping the texts they replace as
+        revisions; the receiving page ids."""
         for page_id, text in self.drafts.items():
+            data = revisions.body_bytes(text)
+            revisions.keep(self.repository, self.branch, self.pages_dir, page_id, data, replaced_by=replaced_by)
             self.journal.write(self.pages_dir / f"{page_id}.md", text)
         return list(self.receivers)
+
+
+def returning(archive: list[dict[str, Any]], plans: list[PagePlan], stored: Iterable[str]) -> list[dict[str, Any]]:
+    """For each planned page new to the store whose id left the plan before
+    with a text, the archive entry of the last such text (unless that text
+    was given back to it already)."""
+    new = {plan.page_id for plan in plans}.difference(stored)
+    last: dict[str, dict[str, Any]] = {}
+    for entry in archive:  # oldest first
+        if entry["page_id"] in new:
+            last[entry["page_id"]] = entry
+    return [entry for page_id, entry in last.items() if entry["carried_to"] != page_id]
 
 
 def leaving_texts(ids: Iterable[str], rows: Mapping[str, Mapping[str, Any]], pages_dir: Path) -> list[Leaving]:

@@ -27,7 +27,7 @@ from typing import Any
 from malde_ostrel.workers.wiki.tool import termui
 from malde_ostrel.workers.wiki.tool.planner import SteeringError
 from malde_ostrel.workers.wiki.tool.repo_scan import RepoError
-from malde_ostrel.workers.wiki.tool.reports import CitationError, WikiError, as_json
+from malde_ostrel.workers.wiki.tool.reports import CitationError, HistoryReport, WikiError, as_json
 from malde_ostrel.workers.wiki.tool.store import DOCTOR_HINT, StoreError
 from malde_ostrel.workers.wiki.tool.wiki import PROG, Wiki
 
@@ -129,14 +129,21 @@ def cmd_save(wiki: Wiki, args: argparse.Namespace) -> Any:
     for problem in report.citation_problems:
         _warn(f"{report.page_id}: {problem}")
     for page in report.replaced_carried:
+        where = (
+            f"`{PROG} show {report.page_id} --rev {report.revision}`"
+            if report.revision is not None
+            else f"`{PROG} archive`"
+        )
         _warn(
-            f"the text carried from {page} into {report.page_id} is replaced by this save; "
-            f"it stays in the archive (`{PROG} archive`)"
+            f"{report.page_id}: the new text leaves out the draft carried from {page} that it replaces; "
+            f"the draft is kept ({where})"
         )
     if args.json:
         return report
     print(f"saved {report.page_id}: {report.citations} citation(s), {len(report.sections)} citing section(s)")
     print(f"  body: {report.path}")
+    if report.revision is not None:
+        print(f"  the text it replaces is revision {report.revision} (`{PROG} history {report.page_id}`)")
     for section in report.sections:
         print(f"  {section['heading'] or '(lead-in)'}: {', '.join(section['files'])}")
     return None
@@ -154,8 +161,8 @@ def cmd_status(wiki: Wiki, args: argparse.Namespace) -> Any:
     for page in report.pages:
         if page.to_write:
             why = "inputs changed" if page.written else "not written yet"
-            if page.carried_from:
-                why = f"text carried from {', '.join(page.carried_from)}"
+            if page.draft:
+                why = f"draft: text carried from {', '.join(page.carried_from)}"
             print(f"  {page.page_id:<{width}}  {why}")
     written = [p for p in report.pages if p.written]
     if written:
@@ -168,6 +175,8 @@ def cmd_status(wiki: Wiki, args: argparse.Namespace) -> Any:
             if files or page.stale_sections
             else "up to date"
         )
+        if page.draft:
+            summary += f"; holds a draft carried from {', '.join(page.carried_from)}"
         print(f"  {page.page_id:<{width}}  {summary}")
         for kind, path in files:
             print(f"    {kind:<8}  {path}")
@@ -202,10 +211,16 @@ def cmd_log(wiki: Wiki, args: argparse.Namespace) -> Any:
 
 def cmd_show(wiki: Wiki, args: argparse.Namespace) -> Any:
     with _hashing(wiki):
-        report = wiki.show(str(args.page_id))
+        report = wiki.show(str(args.page_id), rev=args.rev)
     if args.json:
         return report
     print(f"{report.page_id}: {report.title}" + ("  (to write)" if report.to_write else ""))
+    if report.draft_from:
+        print(f"  draft: its text holds text carried from {', '.join(report.draft_from)}, not yet saved over")
+    if report.revisions:
+        print(f"  revisions: {report.revisions} earlier text(s) (`{PROG} history {report.page_id}`)")
+    if report.rev is not None:
+        print(f"  showing revision {report.rev}, not the current text")
     for path in report.source_files:
         print(f"  file  {path}")
     for child in report.children:
@@ -218,14 +233,21 @@ def cmd_show(wiki: Wiki, args: argparse.Namespace) -> Any:
 
 
 def cmd_history(wiki: Wiki, args: argparse.Namespace) -> Any:
-    events = wiki.history(str(args.page_id))
+    page_id = str(args.page_id)
+    report = HistoryReport(page_id, wiki.history(page_id), wiki.revisions(page_id))
     if args.json:
-        return events
-    if not events:
-        print(f"No records of {args.page_id} in the plan log of branch {wiki.branch}.")
-    for event in events:
+        return report
+    if not report.events:
+        print(f"No records of {page_id} in the plan log of branch {wiki.branch}.")
+    for event in report.events:
         other = f"  [{event.other}]" if event.other else ""
         print(f"{event.at}  {event.action:<8} {event.page_id}  {event.reason}{other}")
+    if report.revisions:
+        print()
+        print(f"Revisions (`{PROG} show {page_id} --rev N`, `{PROG} restore {page_id} --rev N`):")
+    for rev in report.revisions:
+        kind = "saved" if rev.saved else "draft"
+        print(f"  {rev.n:>3}  {rev.at}  {kind}, replaced by {rev.replaced_by}, {rev.size} bytes  {rev.first_line}")
     return None
 
 
@@ -242,7 +264,18 @@ def cmd_archive(wiki: Wiki, args: argparse.Namespace) -> Any:
 
 
 def cmd_restore(wiki: Wiki, args: argparse.Namespace) -> Any:
-    report = wiki.restore(int(args.entry), into=args.into)
+    if args.rev is not None:
+        if args.into is not None:
+            raise WikiError("--into names the page for an archive entry; a revision goes back to its own page")
+        revision = wiki.restore_revision(str(args.target), args.rev)
+        for warning in revision.warnings:
+            _warn(warning)
+        if args.json:
+            return revision
+        kept = f"; the text it replaces is revision {revision.kept}" if revision.kept is not None else ""
+        print(f"restored revision {revision.revision} of {revision.page_id}; it is marked to write{kept}")
+        return None
+    report = wiki.restore(int(args.target), into=args.into)
     if args.json:
         return report
     print(f"restored entry {report.entry} ({report.page_id}) into {report.into}; it is marked to write")
@@ -368,13 +401,16 @@ def build_parser() -> argparse.ArgumentParser:
         metavar="N",
         help=f"how many runs to show (default {DEFAULT_LOG_RUNS})",
     )
-    add("show", cmd_show, "a page's text, files and stale sections").add_argument("page_id", metavar="PAGE_ID")
-    add("history", cmd_history, "where a page and its text came from and went").add_argument(
+    show = add("show", cmd_show, "a page's text, files and stale sections")
+    show.add_argument("page_id", metavar="PAGE_ID")
+    show.add_argument("--rev", type=_positive, metavar="N", help="show revision N of its text (see history)")
+    add("history", cmd_history, "where a page and its text came from and went, and its revisions").add_argument(
         "page_id", metavar="PAGE_ID"
     )
     add("archive", cmd_archive, "texts of pages that left the plan")
-    restore = add("restore", cmd_restore, "give an archived text to a planned page")
-    restore.add_argument("entry", type=_positive, metavar="ID")
+    restore = add("restore", cmd_restore, "give an archived text to a planned page, or a page a revision back")
+    restore.add_argument("target", metavar="ID|PAGE_ID", help="archive entry, or with --rev the page")
+    restore.add_argument("--rev", type=_positive, metavar="N", help="make revision N the page's text again")
     restore.add_argument(
         "--into", metavar="PAGE_ID", help="the receiving page (default: the one holding most of its files)"
     )
@@ -413,7 +449,10 @@ def _store_message(exc: sqlite3.Error, store: str) -> str:
 
 
 def main(argv: Sequence[str] | None = None) -> int:
-    args = build_parser().parse_args(_argv(sys.argv[1:] if argv is None else argv))
+    parser = build_parser()
+    args = parser.parse_args(_argv(sys.argv[1:] if argv is None else argv))
+    if args.command == "restore" and args.rev is None and not str(args.target).isdigit():
+        parser.error(f"restore: {args.target!r} is not an archive entry number (a page's revision: PAGE --rev N)")
     if not hasattr(args, "json"):
         args.json = False
     handler: Callable[[Wiki, argparse.Namespace], Any] = args.handler

@@ -26,7 +26,7 @@ from malde_ostrel.workers.wiki.tool.locking import store_lock
 from malde_ostrel.workers.wiki.tool.reports import DoctorReport
 from malde_ostrel.workers.wiki.tool.store import Database, Repository, StoreError
 
-_TABLES = ("wiki_pages", "plan_commits", "archive", "journal")
+_TABLES = ("wiki_pages", "plan_commits", "archive", "journal", "revisions")
 
 
 def backup_of(path: Path) -> Path:

@@ -13,6 +13,7 @@ from __future__ import annotations
 
 import json
 import os
+import sqlite3
 from pathlib import Path
 from typing import Any, Final
 
@@ -135,6 +136,20 @@ class Journal:
                 _perform(str(kind), Path(target), str(payload))
                 self.db.execute("DELETE FROM journal WHERE id = ?", (entry,))
             done += 1
+
+
+def finish(journal: Journal) -> str | None:
+    """Do the pending file work of a committed change; what stopped it (the
+    work stays pending for the next run), or None when it is all done."""
+    try:
+        journal.replay()
+    except OSError as exc:
+        where = f"{exc.filename}: " if exc.filename else ""
+        return f"{where}{exc.strerror or exc}"
+    except sqlite3.Error as exc:
+        # The file work may be done and only its entry left: done again, it does nothing.
+        return f"page store {journal.db.path}: {exc}"
+    return None
 
 
 def _perform(kind: str, target: Path, payload: str) -> None:

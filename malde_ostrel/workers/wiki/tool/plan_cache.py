@@ -3,7 +3,7 @@
 Deriving the plan of a large tree takes several times longer than reading it
 back.  A plan is kept under a key made of everything ``planner.derive`` reads:
 the sorted live paths, the paths left out by name, the bytes of the steering
-file and of the attributes files, and the code of the modules that derive it.
+file and of the attributes files, the family parents the store holds, and the code of the modules that derive it.
 Any change of these gives another key, so a plan read back is the plan derive
 would give.  A value that does not read back as a plan counts as none.
 """
@@ -38,14 +38,18 @@ def _code_digest() -> bytes | None:
 
 
 def key(
-    paths: Sequence[str], exclude: Iterable[str], steering: bytes | None, attributes: Mapping[str, str | None]
+    paths: Sequence[str],
+    exclude: Iterable[str],
+    steering: bytes | None,
+    attributes: Mapping[str, str | None],
+    families: Iterable[str] = (),
 ) -> str | None:
     """The key of a plan's inputs; None when plans cannot be kept."""
     code = _code_digest()
     if code is None:
         return None
     digest = blake2b(code, digest_size=16)
-    settings = json.dumps([list(exclude), sorted(attributes.items()), steering is not None])
+    settings = json.dumps([list(exclude), sorted(attributes.items()), steering is not None, sorted(families)])
     digest.update(settings.encode("utf-8", "surrogatepass") + b"\0")
     digest.update(len(steering or b"").to_bytes(8, "big") + (steering or b""))
     digest.update("\0".join(paths).encode("utf-8", "surrogatepass"))

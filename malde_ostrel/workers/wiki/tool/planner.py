@@ -14,6 +14,10 @@ Rules (the same paths and steering always give the same plan, in the same order)
   files, and parts that take the sorted files in runs cut where the names
   say (see ``splits``), so that a file added or removed mostly leaves the
   other parts alone.  A part is ``<parent>-part-<its first file's name>``.
+  A directory whose parent the store already holds (its id in ``families``)
+  stays a family down to ``MIN_FAMILY_FILES`` files, its parts cut at the
+  same names, so a file added or removed at the split size does not flip
+  the structure.
 * Two non-code pages with literal ids: ``overview`` always, ``architecture``
   when there are at least ``ARCHITECTURE_MIN_CODE_PAGES`` code-unit pages.
 * Steering pages come from ``STEERING_FILE`` at the repository root (see
@@ -33,7 +37,7 @@ from __future__ import annotations
 
 import operator
 import re
-from collections.abc import Callable, Iterable
+from collections.abc import Callable, Collection, Iterable
 from pathlib import Path
 from typing import Any, NamedTuple, Protocol
 
@@ -53,6 +57,7 @@ SOURCE_EXTENSIONS: frozenset[str] = frozenset(
     }
 )  # fmt: skip
 MAX_FILES_PER_PAGE = 12
+MIN_FAMILY_FILES = 9  # a stored family collapses only below this many files
 ARCHITECTURE_MIN_CODE_PAGES = 3
 STEERING_FILE = ".ostrel-wiki.toml"
 
@@ -218,7 +223,7 @@ def _span(files: list[str]) -> str:
     return first if len(files) == 1 else f"{first} to {last}"
 
 
-def _code_pages(by_dir: dict[str, list[str]]) -> list[PagePlan]:
+def _code_pages(by_dir: dict[str, list[str]], families: Collection[str] = ()) -> list[PagePlan]:
     if not by_dir:
         return []
     largest = max(len(files) for files in by_dir.values())
@@ -232,7 +237,8 @@ def _code_pages(by_dir: dict[str, list[str]]) -> list[PagePlan]:
         where = f"{directory}/" if directory else "the top-level directory"
         base = UNIT_PREFIX + slug(directory) if slug(directory) else ROOT_UNIT_ID
         score = len(files) / largest
-        if len(files) <= MAX_FILES_PER_PAGE:
+        kept_family = base in families and len(files) >= MIN_FAMILY_FILES
+        if len(files) <= MAX_FILES_PER_PAGE and not kept_family:
             pages.append(
                 PagePlan(
                     page_id=_unique(base, taken),
@@ -246,7 +252,7 @@ def _code_pages(by_dir: dict[str, list[str]]) -> list[PagePlan]:
                 )
             )
             continue
-        chunks = splits.split(files, MAX_FILES_PER_PAGE)
+        chunks = splits.split(files, MAX_FILES_PER_PAGE, parts=True)
         suffixes = _part_suffixes(chunks)
         parent_id = _unique(base, taken, *suffixes)
         parts = [
@@ -302,14 +308,19 @@ def _steering_pages(steering: Steering, paths: list[str]) -> list[PagePlan]:
     return pages
 
 
-def plan_pages(paths: Iterable[str], steering: Steering | None = None) -> list[PagePlan]:
-    """The fresh plan: overview pages, code-unit pages in path order, steering pages."""
+def plan_pages(
+    paths: Iterable[str], steering: Steering | None = None, families: Collection[str] = ()
+) -> list[PagePlan]:
+    """The fresh plan: overview pages, code-unit pages in path order, steering
+    pages; ``families``: the ids of the family parents the store holds."""
     every, by_dir = _by_directory(sorted(set(paths)))
-    return _plan(every, by_dir, steering)
+    return _plan(every, by_dir, steering, families)
 
 
-def _plan(every: list[str], by_dir: dict[str, list[str]], steering: Steering | None) -> list[PagePlan]:
-    code = _code_pages(by_dir)
+def _plan(
+    every: list[str], by_dir: dict[str, list[str]], steering: Steering | None, families: Collection[str] = ()
+) -> list[PagePlan]:
+    code = _code_pages(by_dir, families)
     plans = [
         PagePlan(
             page_id=OVERVIEW_ID,
@@ -437,14 +448,16 @@ class PlanCache(Protocol):
     def put(self, key: str, value: str) -> None: ...
 
 
-def derive(snapshot: Snapshot, *, exclude: Iterable[str] = (), cache: PlanCache | None = None) -> Derived:
+def derive(
+    snapshot: Snapshot, *, exclude: Iterable[str] = (), cache: PlanCache | None = None, families: Collection[str] = ()
+) -> Derived:
     """The fresh plan of a snapshot.
 
     Reads the steering file from the snapshot and leaves out the paths under
     the ``exclude`` prefixes (the tool's own output, when it lives in the work
     tree), those ``.gitattributes`` files mark ``linguist-vendored`` or
     ``linguist-generated``, and those the steering file's ``exclude`` globs
-    match.
+    match. ``families`` are the ids of the family parents the store holds.
 
     With a ``cache``, a plan derived before from the same inputs (paths,
     exclusions, steering and attributes files, and this code) is taken from
@@ -459,7 +472,7 @@ def derive(snapshot: Snapshot, *, exclude: Iterable[str] = (), cache: PlanCache 
     if not all(map(operator.lt, paths, paths[1:])):  # not strictly increasing
         paths = sorted(set(paths))
     texts = {path: snapshot.read_text(path) for path in attributes.attribute_files(paths)}
-    key = plan_cache.key(paths, exclude, raw_steering, texts) if cache is not None else None
+    key = plan_cache.key(paths, exclude, raw_steering, texts, families) if cache is not None else None
     if cache is not None and key is not None:
         found = plan_cache.decode(cache.get(key), paths)
         if found is not None:
@@ -473,7 +486,7 @@ def derive(snapshot: Snapshot, *, exclude: Iterable[str] = (), cache: PlanCache 
 
     kept, by_dir = _by_directory(paths, prefixes, exact, drop if globs or marked else None)
     live = {path for files in by_dir.values() for path in files}
-    fresh = _plan(kept, by_dir, steering)
+    fresh = _plan(kept, by_dir, steering, families)
     if cache is not None and key is not None:
         start = sum(1 for plan in fresh[:2] if plan.page_id in (OVERVIEW_ID, ARCHITECTURE_ID))
         cache.put(key, plan_cache.encode(fresh, (start, len(fresh) - len(steering.pages)), paths, kept))

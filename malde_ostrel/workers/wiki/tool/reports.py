@@ -108,15 +108,18 @@ class SaveReport(Record):
         replaced_carried: list[str],
         warnings: list[str] | None = None,
         citation_problems: list[str] | None = None,
+        revision: int | None = None,
     ) -> None:
         self.page_id = page_id
         self.path = path
         self.citations = citations
         self.sections = sections
         self.unknown_citations = unknown_citations
-        self.replaced_carried = replaced_carried  # pages whose carried text this save replaced (kept in the archive)
+        # Pages whose carried text (the draft this save replaced) the new text leaves out.
+        self.replaced_carried = replaced_carried
         self.warnings: list[str] = [] if warnings is None else warnings
         self.citation_problems: list[str] = [] if citation_problems is None else citation_problems  # one line each
+        self.revision = revision  # the revision that keeps the text this save replaced, if it held one
 
 
 class StatusPage(Record):
@@ -128,6 +131,8 @@ class StatusPage(Record):
         changed_files: dict[str, list[str]],
         stale_sections: list[dict[str, Any]],
         carried_from: list[str],
+        *,
+        draft: bool = False,
     ) -> None:
         self.page_id = page_id
         self.written = written
@@ -135,6 +140,7 @@ class StatusPage(Record):
         self.changed_files = changed_files
         self.stale_sections = stale_sections
         self.carried_from = carried_from  # pages whose text was carried into this one since it was written
+        self.draft = draft  # its text holds carried text no save has taken up yet
 
 
 class StatusReport(Record):
@@ -158,14 +164,21 @@ class ShowReport(Record):
         body: str | None,
         to_write: bool,
         stale_sections: list[dict[str, Any]],
+        *,
+        draft_from: list[str] | None = None,
+        revisions: int = 0,
+        rev: int | None = None,
     ) -> None:
         self.page_id = page_id
         self.title = title
         self.source_files = source_files
         self.children = children
-        self.body = body
+        self.body = body  # the page's text, or revision ``rev``'s
         self.to_write = to_write
         self.stale_sections = stale_sections
+        self.draft_from: list[str] = draft_from or []  # pages whose carried text the body holds as a draft
+        self.revisions = revisions  # how many earlier texts the store keeps
+        self.rev = rev
 
 
 class LogReport(Record):
@@ -203,6 +216,37 @@ class ArchiveEntry(Record):
         self.carried_to = carried_to
         self.open = open
         self.at = at
+
+
+class Revision(Record):
+    """A text a page held before something replaced it."""
+
+    def __init__(
+        self, page_id: str, n: int, at: str, replaced_by: str, saved: bool, size: int, first_line: str, text: str | None
+    ) -> None:
+        self.page_id = page_id
+        self.n = n  # from 1, oldest first
+        self.at = at  # when it was replaced
+        self.replaced_by = replaced_by  # save, build, carry, return, restore
+        self.saved = saved  # the text the page's row recorded (else a draft)
+        self.size = size  # bytes
+        self.first_line = first_line
+        self.text = text  # with Wiki.revision only
+
+
+class HistoryReport(Record):
+    def __init__(self, page_id: str, events: list[HistoryEvent], revisions: list[Revision]) -> None:
+        self.page_id = page_id
+        self.events = events
+        self.revisions = revisions
+
+
+class RevisionRestore(Record):
+    def __init__(self, page_id: str, revision: int, kept: int | None, warnings: list[str]) -> None:
+        self.page_id = page_id
+        self.revision = revision
+        self.kept = kept  # the revision that keeps the text it replaced
+        self.warnings = warnings
 
 
 class RestoreReport(Record):

@@ -43,13 +43,15 @@ def _even(files: list[str], limit: int) -> list[list[str]]:
     return [files[i : i + size] for i in range(0, len(files), size)]
 
 
-def split(files: list[str], limit: int) -> list[list[str]]:
+def split(files: list[str], limit: int, *, parts: bool = False) -> list[list[str]]:
     """``files`` (sorted) in runs of at most ``limit`` files, cut where the
-    names say (see the module text)."""
-    if len(files) <= limit:
+    names say (see the module text). With ``parts``, a directory that fits
+    the limit is still cut in two or more runs, at the names that cut it
+    when it was larger (a family kept at a smaller size)."""
+    if len(files) <= limit and not (parts and len(files) > 1):
         return [files]
     ranks = {path: name_rank(path) for path in files}
-    return _cut(files, limit, ranks, _SPAN // CUT_SPACING)
+    return _cut(files, min(limit, len(files) - 1), ranks, _SPAN // CUT_SPACING)
 
 
 def _cut(files: list[str], limit: int, ranks: dict[str, int], threshold: int) -> list[list[str]]:

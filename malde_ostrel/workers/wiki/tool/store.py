@@ -9,7 +9,8 @@ not decode to its kind is reported as a ``StoreError`` naming the page.
 
 Beside the rows the store keeps, per branch, the commit the plan was last made
 at (``plan_commits``), the texts of pages that left the plan (``archive``), and
-a journal of the file work that follows a committed transaction (``journal``:
+the texts pages held before a save, carry or restore replaced them
+(``revisions``, numbered from 1 per page), and a journal of the file work that follows a committed transaction (``journal``:
 audit log records to append, page files to move into place), so that a run
 killed after its commit is finished by the next run, once.
 """
@@ -27,7 +28,7 @@ from pathlib import Path
 from types import TracebackType
 from typing import Any, Final
 
-SCHEMA_VERSION: Final = 2
+SCHEMA_VERSION: Final = 3
 BUSY_TIMEOUT_MS: Final = 5000
 
 # Time of a write, as SQLite makes it: ISO 8601 in UTC with milliseconds.
@@ -95,6 +96,21 @@ _MIGRATIONS: Final[tuple[tuple[str, ...], ...]] = (
             payload TEXT NOT NULL
         )
         """,
+    ),
+    (
+        # Every text a page held before something replaced it, as its bytes.
+        """
+        CREATE TABLE revisions (
+            id          INTEGER PRIMARY KEY,
+            branch      TEXT NOT NULL,
+            page_id     TEXT NOT NULL,
+            body        BLOB NOT NULL,
+            saved       INTEGER NOT NULL DEFAULT 0,
+            replaced_by TEXT NOT NULL DEFAULT '',
+            replaced_at TEXT NOT NULL
+        )
+        """,
+        "CREATE INDEX revisions_of_page ON revisions (branch, page_id, id)",
     ),
 )
 assert len(_MIGRATIONS) == SCHEMA_VERSION
@@ -405,16 +421,51 @@ class Repository:
         return entries
 
     def settle_archive(
-        self, branch: str, *, carried_to: str | None = None, entry: int | None = None, to: str | None = None
+        self,
+        branch: str,
+        *,
+        carried_to: str | None = None,
+        entry: int | None = None,
+        to: str | None = None,
+        still_open: bool = False,
     ) -> None:
         """Close the entries carried into ``carried_to`` (its page was written
-        again), or close one entry, recording where it went."""
+        again), or close one entry, recording where it went (``still_open``:
+        it went there as a draft, open until that page is written)."""
         if entry is not None:
             self.db.execute(
-                "UPDATE archive SET open = 0, carried_to = ? WHERE branch = ? AND id = ?", (to, branch, entry)
+                "UPDATE archive SET open = ?, carried_to = ? WHERE branch = ? AND id = ?",
+                (int(still_open), to, branch, entry),
             )
         elif carried_to is not None:
             self.db.execute("UPDATE archive SET open = 0 WHERE branch = ? AND carried_to = ?", (branch, carried_to))
+
+    # ------------------------------------------------------------ revisions
+
+    def keep_revision(self, branch: str, page_id: str, body: bytes, *, saved: bool, replaced_by: str) -> int:
+        """Keep a text the page held (``saved``: the one its row records) as
+        its next revision; the revision's number."""
+        self.db.execute(
+            "INSERT INTO revisions (branch, page_id, body, saved, replaced_by, replaced_at) "
+            f"VALUES (?, ?, ?, ?, ?, {_NOW_SQL})",
+            (branch, page_id, body, int(saved), replaced_by),
+        )
+        raw = self.db.execute(
+            "SELECT count(*) FROM revisions WHERE branch = ? AND page_id = ?", (branch, page_id)
+        ).fetchone()
+        return int(raw[0])
+
+    def revisions(self, branch: str, page_id: str, n: int | None = None) -> list[dict[str, Any]]:
+        """The page's revisions, oldest (number 1) first; with ``n``, that one alone."""
+        cursor = self.db.execute(
+            "SELECT body, saved, replaced_by, replaced_at FROM revisions WHERE branch = ? AND page_id = ? ORDER BY id",
+            (branch, page_id),
+        )
+        found = [
+            {"n": i, "body": bytes(body), "saved": bool(saved), "replaced_by": str(by), "at": str(at)}
+            for i, (body, saved, by, at) in enumerate(cursor, 1)
+        ]
+        return found if n is None else found[n - 1 : n] if n > 0 else []
 
 
 class StoredPlans:

@@ -7,10 +7,11 @@
   amendments (new pages get rows, retired pages go, their texts go where their
   files went or to the archive, changed family parents are marked to write)
   and journals the audit record, all in one store transaction;
-* ``save`` stores a page's text: the body beside its place, the row and the
-  move into place in one commit;
-* ``status``, ``show``, ``log``, ``history`` and ``archive`` read;
-  ``restore`` gives an archived text to a planned page; ``doctor`` checks
+* ``save`` stores a page's text: the body beside its place, the row, the
+  text it replaces (as a revision) and the move into place in one commit;
+* ``status``, ``show``, ``log``, ``history``, ``archive``, ``revisions`` and
+  ``revision`` read; ``restore`` gives an archived text to a planned page,
+  ``restore_revision`` a page one of its earlier texts; ``doctor`` checks
   and repairs the store and the log.
 
 Runs that write hold the store's lock and do every read that decides what to
@@ -32,10 +33,10 @@ from typing import Any, Final
 from malde_ostrel.workers.wiki import plan_record
 from malde_ostrel.workers.wiki.orchestrator import WikiGenerator, page_columns
 from malde_ostrel.workers.wiki.replan_carry import ReplanRemap, amend
-from malde_ostrel.workers.wiki.repo_facts import _norm
-from malde_ostrel.workers.wiki.tool import carry, planner, renames, repo_scan
+from malde_ostrel.workers.wiki.repo_facts import _norm, _text_hash
+from malde_ostrel.workers.wiki.tool import carry, planner, renames, repo_scan, revisions
 from malde_ostrel.workers.wiki.tool.auditlog import page_history, read_runs
-from malde_ostrel.workers.wiki.tool.journal import PLAN_LOG_NAME, Journal, new_run_id
+from malde_ostrel.workers.wiki.tool.journal import PLAN_LOG_NAME, Journal, finish, new_run_id
 from malde_ostrel.workers.wiki.tool.locking import store_lock
 from malde_ostrel.workers.wiki.tool.reports import (
     ArchiveEntry,
@@ -46,6 +47,8 @@ from malde_ostrel.workers.wiki.tool.reports import (
     PageLine,
     PlanReport,
     RestoreReport,
+    Revision,
+    RevisionRestore,
     SaveReport,
     ShowReport,
     StatusPage,
@@ -201,9 +204,15 @@ class Wiki:
         self, snap: repo_scan.Snapshot, db: Database | None = None, *, write: bool = False
     ) -> tuple[planner.Derived, planner.Steering]:
         """The fresh plan; with the store, one kept there from the same inputs
-        (a ``write`` keeps the one derived now)."""
-        cache = None if db is None else StoredPlans(db, self.branch, write=write)
-        derived = planner.derive(snap, exclude=self._own_output(), cache=cache)
+        (a ``write`` keeps the one derived now), and the store's families kept
+        down to their smaller size."""
+        if db is None:
+            derived = planner.derive(snap, exclude=self._own_output())
+        else:
+            cache = StoredPlans(db, self.branch, write=write)
+            rows = Repository(db).rows(self.branch, columns=("related_pages",))
+            families = {page_id for page_id, row in rows.items() if row["related_pages"]}
+            derived = planner.derive(snap, exclude=self._own_output(), cache=cache, families=families)
         return derived, derived.steering
 
     @contextmanager
@@ -258,12 +267,14 @@ class Wiki:
         snap = self._snapshot()
         warnings: list[str] = []
         with self._session(write=True) as db:
-            derived, steering = self._derive(snap, db, write=True)
             repo, journal = Repository(db), Journal(db)
             with db.transaction():
+                # In the transaction: the plan it keeps goes with the rest, or not at all.
+                derived, steering = self._derive(snap, db, write=True)
                 unwritten = db.changes
                 gen = self._generator(db, snap, steering)
-                changed, records = renames.follow(gen._existing, self._moves(repo, snap))
+                moves = self._moves(repo, snap)
+                changed, records = renames.follow(gen._existing, moves)
                 for page_id, row in changed.items():
                     repo.upsert_wiki_page(
                         self.branch,
@@ -296,7 +307,10 @@ class Wiki:
                 carrier = carry.Carrier(repo, journal, self.branch, self.pages_dir)
                 # Only the texts of retired pages go anywhere: the live paths tell where.
                 live = set(snap.paths) if retired else set()
-                records.extend(_carry(carrier, retired, rows, amendments, remap, plans, live))
+                records.extend(_carry(carrier, retired, rows, amendments, remap, plans, live, moves))
+                if not first and {plan.page_id for plan in plans}.difference(rows):
+                    for entry in carry.returning(repo.archived(self.branch), plans, rows):
+                        records.append(carrier.give_back(entry))
                 gen._mark_synthesis_stale(carrier.finish())
                 if snap.commit:
                     repo.set_plan_commit(self.branch, snap.commit)
@@ -404,11 +418,11 @@ class Wiki:
         if not body.strip() and not allow_empty:
             raise WikiError(f"the body for {page_id} is empty; pass --allow-empty to save it anyway")
         snap = self._snapshot()
-        derived, steering = self._derive(snap)
         if not self.store.exists():
             raise WikiError(f"no plan of record for branch {self.branch} yet; run `{PROG} plan` first")
         with self._session(write=True) as db:
             repo = Repository(db)
+            derived, steering = self._derive(snap, db)
             try:
                 with db.transaction():
                     gen = self._generator(db, snap, steering)
@@ -433,9 +447,8 @@ class Wiki:
                     if problems and strict:
                         raise CitationError(page_id, problems)
                     citations = prose_citations(body)
-                    replaced = [
-                        e["page_id"] for e in repo.archived(self.branch) if e["open"] and e["carried_to"] == page_id
-                    ]
+                    drafts = [e for e in repo.archived(self.branch) if e["open"] and e["carried_to"] == page_id]
+                    left_out = [str(e["page_id"]) for e in drafts if not _holds(body, str(e["body"]))]
                     repo.settle_archive(self.branch, carried_to=page_id)
                     row = gen.save_page(plan, body, citations)
             except BaseException:
@@ -453,9 +466,10 @@ class Wiki:
             len(citations),
             sections,
             unknown,
-            replaced,
+            left_out,
             warnings,
             citation_problems=problems,
+            revision=gen.kept.get(page_id),
         )
 
     # ------------------------------------------------------------ read-outs
@@ -470,10 +484,15 @@ class Wiki:
             stale = gen._select_stale(plans, gen._existing, False)
             archive = Repository(db).archived(self.branch)
             pages: list[StatusPage] = []
+            drafts: dict[str, list[str]] = {}
+            for e in archive:
+                if e["open"] and e["carried_to"] is not None:
+                    drafts.setdefault(str(e["carried_to"]), []).append(str(e["page_id"]))
             for plan in plans:
                 row = gen._existing.get(plan.page_id)
                 written = bool(row and row.get("content_hash"))
                 changes = gen._page_changes(plan, row) if written else {}
+                carried = drafts.get(plan.page_id, [])
                 pages.append(
                     StatusPage(
                         plan.page_id,
@@ -481,7 +500,8 @@ class Wiki:
                         plan.page_id in stale,
                         changes.get("changed_files", {}),
                         list(changes.get("stale_sections", [])),
-                        [e["page_id"] for e in archive if e["open"] and e["carried_to"] == plan.page_id],
+                        carried,
+                        draft=bool(carried),
                     )
                 )
         return StatusReport(
@@ -492,7 +512,9 @@ class Wiki:
             [e["page_id"] for e in archive if e["carried_to"] is None],
         )
 
-    def show(self, page_id: str) -> ShowReport:
+    def show(self, page_id: str, *, rev: int | None = None) -> ShowReport:
+        """A planned page: its files, its text (with ``rev``, that revision's
+        text instead), whether it is to write and holds a draft."""
         status = self.status()
         page = next((p for p in status.pages if p.page_id == page_id), None)
         if page is None:
@@ -500,19 +522,83 @@ class Wiki:
                 f"unknown page id {page_id!r}: not in the plan of branch {self.branch}; `{PROG} status` lists the pages"
             )
         snap = self._snapshot()
-        derived, steering = self._derive(snap)
         with self._session(write=False) as db:
+            derived, steering = self._derive(snap, db)
             gen = self._generator(db, snap, steering)
             plan = next(p for p in self._pinned(gen, derived, snap) if p.page_id == page_id)
+            kept = Repository(db).revisions(self.branch, page_id)
+        body = revisions.read_body(self.pages_dir / f"{page_id}.md")
+        if rev is not None:
+            body = self.revision(page_id, rev).text
         return ShowReport(
             page_id,
             plan.title,
             list(plan.source_files),
             list(plan.children),
-            carry.read_body(self.pages_dir / f"{page_id}.md"),
+            body,
             page.to_write,
             page.stale_sections,
+            draft_from=page.carried_from,
+            revisions=len(kept),
+            rev=rev,
         )
+
+    # ------------------------------------------------------------ revisions
+
+    def revisions(self, page_id: str) -> list[Revision]:
+        """The texts the page held before something replaced them, oldest
+        (number 1) first; a page that left the plan keeps its own."""
+        with self._session(write=False) as db:
+            return [_revision(page_id, r) for r in Repository(db).revisions(self.branch, page_id)]
+
+    def revision(self, page_id: str, n: int) -> Revision:
+        """Revision ``n`` of the page, with its text."""
+        with self._session(write=False) as db:
+            found = Repository(db).revisions(self.branch, page_id, n)
+        if not found:
+            raise WikiError(f"page {page_id} has no revision {n}; `{PROG} history {page_id}` lists them")
+        return _revision(page_id, found[0], with_text=True)
+
+    def restore_revision(self, page_id: str, n: int) -> RevisionRestore:
+        """Make revision ``n`` the page's text again, marked to write; the
+        text it replaces becomes the newest revision."""
+        snap = self._snapshot()
+        with self._session(write=True) as db:
+            repo, journal = Repository(db), Journal(db)
+            derived, steering = self._derive(snap, db)
+            with db.transaction():
+                gen = self._generator(db, snap, steering)
+                if page_id not in gen._existing or page_id not in {p.page_id for p in self._pinned(gen, derived, snap)}:
+                    raise WikiError(
+                        f"page {page_id} is not of record on branch {self.branch}; "
+                        f"`{PROG} status` lists the pages, `{PROG} restore` gives texts to them"
+                    )
+                found = repo.revisions(self.branch, page_id, n)
+                if not found:
+                    raise WikiError(f"page {page_id} has no revision {n}; `{PROG} history {page_id}` lists them")
+                data: bytes = found[0]["body"]
+                kept = revisions.keep(repo, self.branch, self.pages_dir, page_id, data, replaced_by="restore")
+                text = data.decode("utf-8", "surrogateescape")
+                journal.write(self.pages_dir / f"{page_id}.md", text)
+                repo.upsert_wiki_page(
+                    self.branch, page_id, str(gen._existing[page_id]["title"]), content_hash=_text_hash(text)
+                )
+                gen._mark_synthesis_stale([page_id])
+                reason = f"revision {n} restored" + (
+                    "" if kept is None else f"; the text it replaces is revision {kept}"
+                )
+                record = {"action": "restore", "page_id": page_id, "reason": reason, "revision": n}
+                journal.log(
+                    self.log_path,
+                    {
+                        "at": datetime.now().isoformat(timespec="seconds"),
+                        "replan": False,
+                        "amendments": [record],
+                        "run": new_run_id(),
+                    },
+                )
+            warnings = _finish(journal)
+        return RevisionRestore(page_id, n, kept, warnings)
 
     def log(self, n: int) -> LogReport:
         runs, bad = read_runs(self.log_path)
@@ -534,9 +620,9 @@ class Wiki:
         """Give an archived text to a planned page (``into``, else the one that
         holds most of its files), marked to write."""
         snap = self._snapshot()
-        derived, steering = self._derive(snap)
         with self._session(write=True) as db:
             repo, journal = Repository(db), Journal(db)
+            derived, steering = self._derive(snap, db)
             with db.transaction():
                 found = next((e for e in repo.archived(self.branch) if e["id"] == entry), None)
                 if found is None:
@@ -550,8 +636,8 @@ class Wiki:
                     raise WikiError(f"cannot restore entry {entry}: {where}; name a planned page with --into PAGE")
                 carrier = carry.Carrier(repo, journal, self.branch, self.pages_dir)
                 carrier.drafts[target] = carry.compose(carrier.body(target), leaving)
-                gen._mark_synthesis_stale(carrier.finish() or [target])
-                repo.settle_archive(self.branch, entry=entry, to=target)
+                gen._mark_synthesis_stale(carrier.finish("restore") or [target])
+                repo.settle_archive(self.branch, entry=entry, to=target, still_open=True)
                 journal.log(
                     self.log_path,
                     {
@@ -597,12 +683,33 @@ def _no_lock() -> Iterator[bool]:
 
 def _finish(journal: Journal) -> list[str]:
     """Do the journalled file work; a failure leaves it for the next run."""
-    try:
-        journal.replay()
-    except OSError as exc:
-        where = f"{exc.filename}: " if exc.filename else ""
-        return [f"{where}{exc.strerror or exc}; the store holds the change and the next `{PROG}` run finishes it"]
-    return []
+    return unfinished(finish(journal))
+
+
+def unfinished(cause: str | None) -> list[str]:
+    """The warning for file work a committed change left to the next run."""
+    return [] if cause is None else [f"{cause}; the store holds the change and the next `{PROG}` run finishes it"]
+
+
+def _holds(body: str, text: str) -> bool:
+    """Whether ``body`` still holds ``text`` (whitespace aside)."""
+    return " ".join(text.split()) in " ".join(body.split())
+
+
+def _revision(page_id: str, raw: dict[str, Any], *, with_text: bool = False) -> Revision:
+    data: bytes = raw["body"]
+    text = data.decode("utf-8", "surrogateescape")
+    first = next((line.strip() for line in text.splitlines() if line.strip()), "")
+    return Revision(
+        page_id,
+        raw["n"],
+        raw["at"],
+        raw["replaced_by"],
+        raw["saved"],
+        len(data),
+        first[:80],
+        text if with_text else None,
+    )
 
 
 def _record_new_pages(gen: WikiGenerator, plans: list[PagePlan], stored: set[str]) -> None:
@@ -647,9 +754,11 @@ def _carry(
     remap: ReplanRemap,
     plans: list[PagePlan],
     live: set[str],
+    moves: dict[str, str],
 ) -> list[dict[str, Any]]:
-    """Give the texts of the retired pages to the pages that take their files;
-    make the retire and remap records say where texts really went."""
+    """Give the texts of the retired pages to the pages that take their files
+    (where git saw them move); make the retire and remap records say where
+    texts really went."""
     planned = {plan.page_id for plan in plans}
     leaving = [page_id for page_id in retired if page_id not in planned]  # else it keeps its text
     texts = {t.page_id: t for t in carry.leaving_texts(leaving, rows, carrier.pages_dir)}
@@ -661,7 +770,8 @@ def _carry(
             continue
         named = record.pop("carried_to", None)
         if page_id in texts and page_id not in went:
-            target = carry.receiver(texts[page_id], named if isinstance(named, str) else None, remap, plans, live)
+            named_id = named if isinstance(named, str) else None
+            target = carry.receiver(texts[page_id], named_id, remap, plans, live, moves)
             records.append(carrier.carry(texts[page_id], target, str(record.get("reason", ""))))
             went[page_id] = target
         if went.get(page_id):
