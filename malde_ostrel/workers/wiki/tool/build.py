@@ -1,0 +1,433 @@
+"""``build``: write every page to write, and within a written page only what went stale.
+
+The build reads what to do without the store's lock: the pages
+``_select_stale`` selects, each one's stale sections (``_page_changes``) and
+the facts of the files it needs. It then writes the texts (the built-in
+writer, or a writer command per page, several at once) with no lock held,
+and saves them under the lock, through the generator's ``save_page`` as
+``save`` does, a batch of pages per store transaction. A page whose row or
+text another run changed meanwhile is left to that run: two builds at once
+write each page once. A run stopped at any point leaves each page with its
+old text or its new one; the next build writes the rest.
+
+Within a page already written, the build rewrites the generated sections
+citing a file that changed, adds sections for files new to the page, drops
+those of files gone, and keeps every other section byte for byte. A section
+a person wrote or edited (see ``marks``) is never rewritten; when the files
+it cites change, its staleness is kept in the page's build cache, so that
+``status`` and ``show`` keep naming it until the person saves the page.
+"""
+
+from __future__ import annotations
+
+import json
+from collections.abc import Callable, Sequence
+from concurrent.futures import ThreadPoolExecutor
+from dataclasses import dataclass, field
+from datetime import datetime
+from functools import partial
+from typing import TYPE_CHECKING, Any, Final
+
+from malde_ostrel.workers.wiki.orchestrator import WikiGenerator
+from malde_ostrel.workers.wiki.tool import carry, citecheck, external, graph, marks, planner, writer
+from malde_ostrel.workers.wiki.tool.facts import FactsCache, FileFacts, gather
+from malde_ostrel.workers.wiki.tool.journal import Journal, new_run_id
+from malde_ostrel.workers.wiki.tool.reports import Record
+from malde_ostrel.workers.wiki.tool.store import Repository
+from malde_ostrel.workers.wiki.types import PagePlan
+from malde_ostrel.workers.wiki.verify import prose_citations
+
+if TYPE_CHECKING:
+    from malde_ostrel.workers.wiki.tool.wiki import Wiki
+
+# Pages saved per store transaction.
+BATCH: Final = 250
+DEFAULT_TIMEOUT: Final = 300.0
+DIAGRAM_NAME: Final = "architecture.svg"
+README_NAMES: Final = ("README.md", "README.rst", "README.txt", "README", "readme.md")
+README_READ_MAX: Final = 64 << 10
+_STALE_MARK: Final = "__stale__"
+
+Progress = Callable[[int, int], None]
+
+
+class BuildReport(Record):
+    def __init__(
+        self,
+        branch: str,
+        planned: bool,
+        to_write: int,
+        written: list[str],
+        sections_written: int,
+        failed: list[dict[str, str]],
+        skipped: list[str],
+        personal_stale: list[dict[str, Any]],
+        diagram: str | None,
+        warnings: list[str],
+    ) -> None:
+        self.branch = branch
+        self.planned = planned  # the build planned first (a fresh store)
+        self.to_write = to_write
+        self.written = written
+        self.sections_written = sections_written
+        self.failed = failed  # {page_id, reason}: the page keeps its previous text
+        self.skipped = skipped  # written by another run meanwhile
+        self.personal_stale = personal_stale  # {page_id, heading, files}: for a person to revise
+        self.diagram = diagram  # where the architecture diagram was written
+        self.warnings = warnings
+
+
+@dataclass
+class _Page:
+    """One page to write, as read before writing."""
+
+    plan: PagePlan
+    row: dict[str, Any] | None
+    body: str | None
+    changes: dict[str, Any]
+    drafts: list[dict[str, str]]
+    text: str | None = None  # the merged body to save
+    sections_written: int = 0
+    personal_stale: list[dict[str, Any]] = field(default_factory=list)
+    held: dict[str, str] = field(default_factory=dict)  # recorded hashes kept for a person's stale sections
+    failure: str | None = None
+
+
+class _Saver(WikiGenerator):
+    """The generator reading back only the row of the page it just saved
+    (``save_page`` reloads after each save; a build saves thousands)."""
+
+    saving = ""
+
+    def reload(self) -> None:
+        row = self.repository.row(self.branch, self.saving)
+        if row is not None:
+            self._existing[self.saving] = row
+
+
+def run(
+    wiki: Wiki,
+    *,
+    command: Sequence[str] | None = None,
+    jobs: int = 1,
+    timeout: float = DEFAULT_TIMEOUT,
+    progress: Progress | None = None,
+) -> BuildReport:
+    planned = not _of_record(wiki)
+    if planned:
+        wiki.plan()
+    snap = wiki._snapshot()
+    with wiki._session(write=False) as db:
+        derived, steering = wiki._derive(snap, db)
+        gen = wiki._generator(db, snap, steering)
+        plans = wiki._pinned(gen, derived, snap)
+        stale = gen._select_stale(plans, gen._existing, False)
+        archive = Repository(db).archived(wiki.branch)
+        pages = [_read(wiki, gen, plan, archive) for plan in plans if plan.page_id in stale]
+        for page in pages:
+            _find_personal(page)
+        cache = FactsCache(db)
+        facts = _facts(pages, plans, snap, cache)
+    readme = _readme(snap)
+    by_id = {plan.page_id: plan for plan in plans}
+    diagram_svg: bytes | None = None
+    if any(page.plan.page_id == planner.ARCHITECTURE_ID for page in pages):
+        edges = graph.page_edges(plans, facts)
+        diagram_svg = graph.render_svg(graph.dot_source(plans, edges)) if edges else None
+    else:
+        edges = {}
+    total = len(pages)
+
+    def fresh(page: _Page) -> list[marks.Section]:
+        plan = page.plan
+        if plan.page_id == planner.OVERVIEW_ID:
+            return writer.overview_page(plan, plans, readme)
+        if plan.page_id == planner.ARCHITECTURE_ID:
+            return writer.architecture_page(plan, plans, edges, DIAGRAM_NAME if diagram_svg else None)
+        if plan.children:
+            return writer.parent_page(plan, [by_id[c] for c in plan.children if c in by_id], facts)
+        if plan.page_id.startswith(planner.STEERING_PREFIX):
+            return writer.steering_page(plan, facts)
+        return writer.code_page(plan, facts)
+
+    if command:
+        held = {plan.page_id: citecheck.covered(plan, plans, snap.paths) for plan in plans}
+        briefs = {page.plan.page_id: _brief(page, plans, facts) for page in pages}
+        done = 0
+
+        def one(page: _Page) -> _Page:
+            try:
+                output = external.run(command, briefs[page.plan.page_id], timeout=timeout)
+                external.check_citations(output, held[page.plan.page_id])
+            except external.WriterFailure as exc:
+                page.failure = f"writer {exc}"
+                return page
+            _merge(page, _from_writer(output), everything=True)
+            return page
+
+        with ThreadPoolExecutor(max(1, jobs)) as pool:
+            for _page in pool.map(one, pages):
+                done += 1
+                if progress is not None:
+                    progress(done, total)
+    else:
+        for done, page in enumerate(pages, 1):
+            _merge(page, fresh(page), everything=False)
+            if progress is not None:
+                progress(done, total)
+    return _save(wiki, snap, steering, pages, cache, planned, diagram_svg)
+
+
+# ---------------------------------------------------------------- reading
+
+
+def _of_record(wiki: Wiki) -> bool:
+    if not wiki.store.exists():
+        return False
+    with wiki._session(write=False) as db:
+        return bool(Repository(db).page_ids(wiki.branch))
+
+
+def _read(wiki: Wiki, gen: WikiGenerator, plan: PagePlan, archive: list[dict[str, Any]]) -> _Page:
+    row = gen._existing.get(plan.page_id)
+    written = bool(row and row.get("content_hash"))
+    changes = gen._page_changes(plan, row) if written else {}
+    drafts = [
+        {"from": str(e["page_id"]), "title": str(e["title"] or ""), "body": str(e["body"] or "")}
+        for e in archive
+        if e["open"] and e["carried_to"] == plan.page_id
+    ]
+    body = carry.read_body(wiki.pages_dir / f"{plan.page_id}.md")
+    return _Page(plan, row, body, changes, drafts)
+
+
+def _facts(pages: list[_Page], plans: list[PagePlan], snap: Any, cache: FactsCache) -> dict[str, FileFacts]:
+    """The facts of every file the pages to write need."""
+    ids = {page.plan.page_id for page in pages}
+    wanted: list[str] = []
+    if planner.ARCHITECTURE_ID in ids:
+        wanted = [path for plan in plans if not plan.children for path in plan.source_files]
+    else:
+        children = {child for page in pages for child in page.plan.children}
+        for plan in plans:
+            if plan.page_id in ids or plan.page_id in children:
+                wanted.extend(plan.source_files)
+    wanted = list(dict.fromkeys(wanted))
+    return gather(wanted, snap.hashes(wanted), snap.read_bytes, cache)
+
+
+def _readme(snap: Any) -> str | None:
+    for name in README_NAMES:
+        data = snap.read_bytes(name)
+        if data is not None:
+            return bytes(data[:README_READ_MAX]).decode("utf-8", "replace")
+    return None
+
+
+# ---------------------------------------------------------------- writing
+
+
+def _touched(page: _Page) -> set[str]:
+    files = page.changes.get("changed_files") or {}
+    return set(files.get("removed") or []) | set(files.get("modified") or [])
+
+
+def _find_personal(page: _Page) -> None:
+    """The sections of the page a person wrote that cite a changed file; the
+    hashes those files had when the page was last saved."""
+    touched = _touched(page)
+    if not touched:
+        return
+    cache = (page.row or {}).get("build_cache") or {}
+    recorded = {**((page.row or {}).get("source_hashes") or {}), **(cache.get("file_hashes") or {})}
+    for section in marks.split(page.body or ""):
+        if marks.generated(section.text):
+            continue
+        cited = sorted({str(c["path"]) for c in prose_citations(section.text)} & touched)
+        if cited:
+            page.personal_stale.append({"page_id": page.plan.page_id, "heading": section.heading, "files": cited})
+            page.held.update({path: recorded[path] for path in cited if path in recorded})
+
+
+def _merge(page: _Page, fresh: list[marks.Section], *, everything: bool) -> None:
+    """The page's new body: ``fresh`` sections merged into its current text."""
+    plan, changes = page.plan, page.changes
+    files = changes.get("changed_files") or {}
+    stale = list(changes.get("stale_sections") or [])
+    recorded_hashes = (page.row or {}).get("source_hashes") or {}
+    whole = (
+        everything
+        or not changes
+        or not plan.source_files
+        or _STALE_MARK in recorded_hashes
+        or not any(files.get(kind) for kind in ("added", "removed", "modified"))
+    )
+    touched = _touched(page)
+    redo = {str(s["heading"]) for s in stale} | {writer.file_heading(path) for path in touched}
+    if touched:
+        redo.add("")  # the lead-in quotes one of the files: written again, the same unless that changed
+    new = {writer.file_heading(path) for path in files.get("added") or []}
+    merged = marks.merge(page.body, fresh, (lambda _h: True) if whole else redo.__contains__,
+                         (lambda _h: True) if whole else new.__contains__)  # fmt: skip
+    page.text = merged.body
+    page.sections_written = len(merged.written)
+
+
+def _from_writer(output: str) -> list[marks.Section]:
+    """A writer's page as generated sections, each marked."""
+    sections = []
+    for section in marks.split(marks.strip_marks(output)):
+        head, _, rest = section.text.partition("\n") if section.heading else ("", "", section.text)
+        sections.append(marks.Section(section.heading, marks.marked(head.rstrip("\r"), rest)))
+    return sections
+
+
+def _brief(page: _Page, plans: list[PagePlan], facts: dict[str, FileFacts]) -> bytes:
+    plan = page.plan
+    by_id = {p.page_id: p for p in plans}
+    parent = next((p.page_id for p in plans if plan.page_id in p.children), None)
+    if plan.level == "overview":
+        linked = [p for p in plans if p is not plan]
+    else:
+        family = set(plan.children) | ({parent} if parent else set())
+        if parent:
+            family.update(by_id[parent].children)
+        linked = [p for p in plans if p.page_id in family and p is not plan]
+    paths = plan.source_files or [f for c in plan.children if c in by_id for f in by_id[c].source_files]
+    personal = {s["heading"] for s in page.personal_stale}
+    files = []
+    for path in paths:
+        found = facts.get(path)
+        files.append(
+            {
+                "path": path,
+                "language": found.language if found else "",
+                "lines": found.lines if found else 0,
+                "summary": found.summary if found else "",
+                "symbols": [s._asdict() for s in (found.symbols if found else [])],
+            }
+        )
+    brief = {
+        "brief_version": 1,
+        "page_id": plan.page_id,
+        "title": plan.title,
+        "level": plan.level,
+        "description": plan.description,
+        "files": files,
+        "family": {"parent": parent, "children": list(plan.children)},
+        "links": [{"page_id": p.page_id, "title": p.title} for p in linked],
+        "body": page.body,
+        "stale_sections": [
+            {
+                "heading": str(s["heading"]),
+                "files": list(s.get("files") or []),
+                "symbols": list(s.get("symbols") or []),
+                "personal": s["heading"] in personal,
+            }
+            for s in page.changes.get("stale_sections") or []
+        ],
+        "changed_files": page.changes.get("changed_files") or {"added": [], "removed": [], "modified": []},
+        "drafts": page.drafts,
+    }
+    return json.dumps(brief, ensure_ascii=False).encode("utf-8", "surrogateescape")
+
+
+# ---------------------------------------------------------------- saving
+
+
+def _unchanged(page: _Page, now: dict[str, Any] | None, body: str | None) -> bool:
+    """The page's row and text are as this build read them."""
+    before = page.row or {}
+    if now is None:
+        return False
+    same_row = all(before.get(key) == now.get(key) for key in ("content_hash", "source_hashes"))
+    return same_row and body == page.body
+
+
+def _holding(build_cache: dict[str, Any], page: _Page) -> dict[str, Any]:
+    """The build cache of a page saved with a person's stale sections: the
+    files they cite keep the hashes their text was written against, and only
+    those sections name them, so that the rest of the page reads as fresh."""
+    personal = {entry["heading"] for entry in page.personal_stale}
+    sections = []
+    for section in build_cache.get("sections") or []:
+        if section.get("heading") not in personal:
+            section = {**section, "files": [f for f in section.get("files") or [] if f not in page.held]}
+        sections.append(section)
+    file_hashes = {**(build_cache.get("file_hashes") or {}), **page.held}
+    return {**build_cache, "sections": sections, "file_hashes": file_hashes}
+
+
+def _save(
+    wiki: Wiki,
+    snap: Any,
+    steering: Any,
+    pages: list[_Page],
+    cache: FactsCache,
+    planned: bool,
+    diagram_svg: bytes | None,
+) -> BuildReport:
+    from malde_ostrel.workers.wiki.tool.wiki import PROG, _finish
+
+    written: list[str] = []
+    skipped: list[str] = []
+    failed = [{"page_id": p.plan.page_id, "reason": p.failure} for p in pages if p.failure]
+    warnings: list[str] = []
+    diagram: str | None = None
+    ready = [page for page in pages if page.text is not None]
+    with wiki._session(write=True) as db:
+        repo, journal = Repository(db), Journal(db)
+        cache.db = db
+        saver = _Saver(
+            wiki.root, repo, wiki.branch, wiki.pages_dir, steering.text, hasher=partial(snap.hashes, progress=None)
+        )
+        for start in range(0, max(len(ready), 1), BATCH):
+            records: list[dict[str, Any]] = []
+            with db.transaction():
+                cache.keep()
+                for page in ready[start : start + BATCH]:
+                    page_id = page.plan.page_id
+                    now = repo.row(wiki.branch, page_id)
+                    if now is None:
+                        failed.append({"page_id": page_id, "reason": f"not of record yet; run `{PROG} plan` first"})
+                        continue
+                    if not _unchanged(page, now, carry.read_body(wiki.pages_dir / f"{page_id}.md")):
+                        skipped.append(page_id)
+                        continue
+                    assert page.text is not None
+                    repo.settle_archive(wiki.branch, carried_to=page_id)
+                    saver.saving = page_id
+                    row = saver.save_page(page.plan, page.text, prose_citations(page.text))
+                    if page.held:
+                        build_cache = _holding(row.get("build_cache") or {}, page)
+                        repo.upsert_wiki_page(wiki.branch, page_id, page.plan.title, build_cache=build_cache)
+                    if page_id == planner.ARCHITECTURE_ID and diagram_svg is not None:
+                        target = wiki.pages_dir / DIAGRAM_NAME
+                        journal.write(target, diagram_svg.decode("utf-8", "replace"))
+                        diagram = str(target)
+                    written.append(page_id)
+                    records.append(
+                        {
+                            "action": "write",
+                            "page_id": page_id,
+                            "reason": f"built: {page.sections_written} section(s) written",
+                        }
+                    )
+                if records:
+                    journal.log(
+                        wiki.log_path,
+                        {
+                            "at": datetime.now().isoformat(timespec="seconds"),
+                            "replan": False,
+                            "build": True,
+                            "amendments": records,
+                            "run": new_run_id(),
+                        },
+                    )
+            warnings += _finish(journal)
+    done = set(written)
+    kept = [page for page in pages if page.plan.page_id in done]
+    return BuildReport(
+        wiki.branch, planned, len(pages), written, sum(page.sections_written for page in kept), failed, skipped,
+        [entry for page in kept for entry in page.personal_stale], diagram, warnings,
+    )  # fmt: skip

@@ -1,0 +1,342 @@
+"""``build`` on real git repositories: citations that hold their symbols, a
+rebuild that rewrites only what went stale, a person's text kept and its
+staleness told, writers that fail costing only their page, the facts cache,
+and runs stopped half-way."""
+
+from __future__ import annotations
+
+import json
+import subprocess
+import sys
+import textwrap
+from pathlib import Path
+from typing import Any
+
+import pytest
+
+from malde_ostrel.workers.wiki.tool import build, facts, marks
+from malde_ostrel.workers.wiki.tool.wiki import Wiki
+from malde_ostrel.workers.wiki.verify import prose_citations
+
+from .gitrepo import ENV, change, make_repo
+
+SOURCES = {
+    "README.md": "# Demo\n\nA small repository the tests build a wiki of.\n",
+    "pkg/__init__.py": '"""The package. It has a core."""\nfrom .core import run\n',
+    "pkg/core.py": textwrap.dedent('''\
+        """Core logic."""
+
+
+        def run(x: int) -> int:
+            """Run the thing. Then more."""
+            return x + 1
+
+
+        class Engine:
+            """An engine."""
+
+            @property
+            def speed(self) -> int:
+                return 3
+
+            def start(self) -> None:
+                """Start it."""
+
+            def _hidden(self) -> None:
+                pass
+        '''),
+    "pkg/extra.py": "def helper():\n    return 1\n",
+    "csrc/lib.c": textwrap.dedent("""\
+        /* The C library. */
+        #include "lib.h"
+
+        /* Adds two numbers. */
+        int
+        add(int a, int b)
+        {
+            return a + b;
+        }
+
+        static int hidden(void) { return 0; }
+
+        struct point {
+            int x;
+            int y;
+        };
+        """),
+    "csrc/lib.h": "#ifndef LIB_H\n#define LIB_H\nint add(int a, int b);\n#endif\n",
+    "web/app.ts": textwrap.dedent("""\
+        import { Util } from './util';
+
+        /** Greets someone. */
+        export function greet(name: string): string {
+          return 'hi ' + name;
+        }
+        """),
+    "web/util.ts": "export class Util {\n  go(): void {}\n}\n",
+    "gosrc/main.go": 'package main\n\nimport "fmt"\n\n// Hello says hello.\nfunc Hello() {\n\tfmt.Println("hi")\n}\n',
+}
+
+
+@pytest.fixture
+def repo(tmp_path: Path) -> Path:
+    return make_repo(tmp_path / "repo", dict(SOURCES))
+
+
+def build_now(repo: Path, **options: Any) -> build.BuildReport:
+    with Wiki.open(repo) as wiki:
+        return wiki.build(**options)
+
+
+def bodies(repo: Path) -> dict[str, str]:
+    with Wiki.open(repo) as wiki:
+        return {p.stem: p.read_text() for p in sorted(wiki.pages_dir.glob("*.md"))}
+
+
+def sections(body: str) -> dict[str, str]:
+    return {s.heading: s.text for s in marks.split(body)}
+
+
+def test_first_build_cites_each_symbol_at_its_lines(repo: Path) -> None:
+    report = build_now(repo)
+    assert report.planned and not report.failed
+    assert report.written and len(report.written) == report.to_write
+    texts = bodies(repo)
+    cited: dict[str, tuple[str, int, int]] = {}
+    for body in texts.values():
+        for c in prose_citations(body):
+            if "symbol" in c:
+                cited[c["symbol"]] = (c["path"], c["line_start"], c["line_end"])
+    # Public definitions of four languages, none of the private ones.
+    for name in ("run", "Engine", "Engine.speed", "Engine.start", "helper", "add", "point", "greet", "Util", "Hello"):
+        assert name in cited, name
+    assert not {"Engine._hidden", "hidden"} & set(cited)
+    for name, (path, first, last) in cited.items():
+        lines = (repo / path).read_text().splitlines()
+        span = "\n".join(lines[first - 1 : last])
+        assert name.rpartition(".")[2] in span, (name, path, first, last)
+        assert 1 <= first <= last <= len(lines)
+    # Whole definitions: the C function from its return type to its closing brace.
+    assert cited["add"][1:] in {(5, 9), (3, 3)}
+    assert cited["Engine"][1:] == (9, 20)
+    assert "Run the thing." in texts["module-pkg"] and "Then more" not in texts["module-pkg"]
+    assert "A small repository the tests build a wiki of." in texts["overview"]
+    assert "[csrc](module-csrc.md)" in texts["overview"]
+    # Every page is written and up to date.
+    with Wiki.open(repo) as wiki:
+        assert wiki.status().to_write == []
+
+
+def test_edit_one_file_rewrites_only_the_sections_citing_it(repo: Path) -> None:
+    build_now(repo)
+    before = bodies(repo)
+    change(repo, {"pkg/core.py": SOURCES["pkg/core.py"] + "\n\ndef stop() -> None:\n    '''Stop.'''\n"})
+    report = build_now(repo)
+    assert report.written == ["module-pkg"] and not report.failed
+    after = bodies(repo)
+    assert {k: v for k, v in after.items() if k != "module-pkg"} == {
+        k: v for k, v in before.items() if k != "module-pkg"
+    }
+    old, new = sections(before["module-pkg"]), sections(after["module-pkg"])
+    core = "`pkg/core.py`"
+    assert "stop" in new[core] and "stop" not in old[core]
+    assert {h: t for h, t in new.items() if h != core} == {h: t for h, t in old.items() if h != core}
+    # A file new to the page gets its section; the others stay as they were.
+    change(repo, {"pkg/more.py": "def more():\n    pass\n"})
+    build_now(repo)
+    newer = sections(bodies(repo)["module-pkg"])
+    assert "`pkg/more.py`" in newer and "[[pkg/more.py:1-2|more]]" in newer["`pkg/more.py`"]
+    assert {h: t for h, t in newer.items() if h != "`pkg/more.py`"} == new
+    # A file gone takes its generated section with it.
+    change(repo, drop=("pkg/extra.py",))
+    build_now(repo)
+    assert "`pkg/extra.py`" not in sections(bodies(repo)["module-pkg"])
+
+
+def stale_headings(repo: Path, page_id: str) -> tuple[set[str], set[str]]:
+    with Wiki.open(repo) as wiki:
+        status = next(p for p in wiki.status().pages if p.page_id == page_id)
+        shown = wiki.show(page_id)
+    return {s["heading"] for s in status.stale_sections}, {s["heading"] for s in shown.stale_sections}
+
+
+def test_a_persons_text_survives_and_its_staleness_is_told(repo: Path) -> None:
+    build_now(repo)
+    with Wiki.open(repo) as wiki:
+        page = wiki.pages_dir / "module-csrc.md"
+    generated = page.read_text()
+    edited = generated.replace("Adds two numbers.", "Adds two numbers, as I explain.")
+    assert edited != generated
+    mine = "## Notes\n\nWhy `add` exists: see [[csrc/lib.c:5-9|add]].\n"
+    page.write_text(edited + mine)
+    # A forged mark does not make a section the writer's.
+    forged = marks.marked("## X", "text").replace("text", "other text")
+    assert marks.generated(marks.marked("## X", "text")) and not marks.generated(forged)
+    change(repo, {"csrc/lib.c": SOURCES["csrc/lib.c"] + "int sub(int a, int b) { return a - b; }\n"})
+    report = build_now(repo)
+    assert report.written == ["module-csrc"]
+    told = {(e["heading"], tuple(e["files"])) for e in report.personal_stale}
+    assert told == {("`csrc/lib.c`", ("csrc/lib.c",)), ("Notes", ("csrc/lib.c",))}
+    body = page.read_text()
+    assert "as I explain." in body and mine in body and "sub" not in body
+    assert sections(body)["`csrc/lib.h`"] == sections(generated)["`csrc/lib.h`"]
+    # Reported by status and show, and nothing left to write.
+    assert stale_headings(repo, "module-csrc") == ({"`csrc/lib.c`", "Notes"},) * 2
+    assert build_now(repo).written == []
+    assert stale_headings(repo, "module-csrc") == ({"`csrc/lib.c`", "Notes"},) * 2
+    # The person revises and saves: nothing is stale any more.
+    with Wiki.open(repo) as wiki:
+        wiki.save("module-csrc", body)
+    assert stale_headings(repo, "module-csrc") == (set(), set())
+    # A page saved by a person is never rewritten; files new to it get sections.
+    with Wiki.open(repo) as wiki:
+        wiki.save("module-pkg", "# Mine\n\nAll mine: [[pkg/core.py:4-6|run]].\n")
+    change(repo, {"pkg/core.py": "# moved\n" + SOURCES["pkg/core.py"], "pkg/new.py": "def new():\n    pass\n"})
+    report = build_now(repo)
+    body = bodies(repo)["module-pkg"]
+    assert body.startswith("# Mine\n\nAll mine: [[pkg/core.py:4-6|run]].\n")
+    assert "`pkg/new.py`" in sections(body)
+    assert {e["heading"] for e in report.personal_stale} == {""}
+
+
+WRITER = textwrap.dedent("""\
+    import json, sys, time
+    brief = json.load(sys.stdin)
+    mode, victim = sys.argv[1], sys.argv[2]
+    cite = brief["files"][0]["path"] if brief["files"] else None
+    text = "# " + brief["title"] + "\\n\\nFrom the writer.\\n\\n## Files\\n\\n" + (
+        "[[" + cite + ":1]]\\n" if cite else "none\\n")
+    if brief["page_id"] == victim:
+        if mode == "exit":
+            sys.exit(3)
+        if mode == "timeout":
+            time.sleep(60)
+        if mode == "empty":
+            text = "  \\n"
+        if mode == "binary":
+            sys.stdout.buffer.write(b"# bad \\xff\\xfe\\n")
+            sys.exit(0)
+        if mode == "huge":
+            text = "x" * (2 << 20)
+        if mode == "foreign":
+            text += "See [[web/app.ts:1]].\\n"
+    sys.stdout.write(text)
+    """)
+
+REASONS = {
+    "exit": "exited with status 3",
+    "timeout": "gave no complete output within 2 s",
+    "empty": "wrote no text",
+    "binary": "not UTF-8",
+    "huge": "wrote more than",
+    "foreign": "cites 'web/app.ts', a file the page does not hold",
+}
+
+
+def cli(repo: Path, *args: str) -> subprocess.CompletedProcess[str]:
+    return subprocess.run([sys.executable, "-P", "-m", "malde_ostrel.workers.wiki", "--repo", str(repo), *args],
+                          env=ENV, capture_output=True, text=True, timeout=300)  # fmt: skip
+
+
+@pytest.mark.parametrize("mode", sorted(REASONS))
+def test_a_failing_writer_costs_only_its_page(repo: Path, mode: str) -> None:
+    assert cli(repo, "build").returncode == 0
+    before = bodies(repo)
+    change(repo, {"csrc/lib.h": "int add(int, int);\n", "pkg/extra.py": "def helper2():\n    return 2\n"})
+    script = repo.parent / "writer.py"
+    script.write_text(WRITER)
+    done = cli(repo, "build", "--writer", f"{sys.executable} {script} {mode} module-csrc",
+               "--writer-timeout", "2", "-j", "2", "--json")  # fmt: skip
+    assert done.returncode == 4, done.stderr
+    failures = [line for line in done.stderr.splitlines() if "not written" in line]
+    assert len(failures) == 1 and failures[0].startswith("ostrel-wiki: module-csrc: not written: writer ")
+    assert REASONS[mode] in failures[0]
+    report = json.loads(done.stdout)
+    assert report["written"] == ["module-pkg"] and [f["page_id"] for f in report["failed"]] == ["module-csrc"]
+    after = bodies(repo)
+    assert after["module-csrc"] == before["module-csrc"]
+    assert "From the writer." in after["module-pkg"] and marks.generated(sections(after["module-pkg"])["Files"])
+    with Wiki.open(repo) as wiki:
+        assert wiki.status().to_write == ["module-csrc"]
+
+
+def test_bad_writer_commands_are_one_line_errors(repo: Path) -> None:
+    done = cli(repo, "build", "--writer", "'unclosed")
+    assert done.returncode == 1 and done.stderr.count("\n") == 1 and "--writer" in done.stderr
+    done = cli(repo, "build", "--writer", str(repo / "no-such-writer"))
+    assert done.returncode == 4 and "cannot start" in done.stderr
+
+
+def test_facts_are_read_once_per_content(repo: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    parsed: list[str] = []
+    real = facts.extract
+
+    def counting(path: str, data: bytes) -> facts.FileFacts:
+        parsed.append(path)
+        return real(path, data)
+
+    monkeypatch.setattr(facts, "extract", counting)
+    change(repo, {"copy/core.py": SOURCES["pkg/core.py"]})  # the same blob as pkg/core.py
+    build_now(repo)
+    assert sorted(parsed) == sorted(set(parsed))
+    assert len([p for p in parsed if p.endswith("core.py")]) == 1
+    parsed.clear()
+    change(repo, {"pkg/extra.py": "def helper3():\n    return 3\n"})
+    build_now(repo)
+    assert parsed == ["pkg/extra.py"]  # pkg/core.py and pkg/__init__.py come from the store
+    parsed.clear()
+    change(repo, {"pkg/extra.py": SOURCES["pkg/extra.py"]})  # back to a content seen before
+    build_now(repo)
+    assert parsed == []
+
+
+def test_a_build_stopped_half_way_is_finished_by_the_next(repo: Path, monkeypatch: pytest.MonkeyPatch) -> None:
+    build_now(repo)
+    before = bodies(repo)
+    with Wiki.open(repo) as wiki:
+        first_runs = len(wiki.log(100).runs)
+    change(repo, {path: "// touched\n" + text for path, text in SOURCES.items() if path.endswith((".c", ".ts", ".go"))})
+    monkeypatch.setattr(build, "BATCH", 1)
+    real = build._Saver.save_page
+    calls = 0
+
+    def stop_on_second(self: Any, *args: Any) -> Any:
+        nonlocal calls
+        calls += 1
+        if calls == 2:
+            raise KeyboardInterrupt
+        return real(self, *args)
+
+    monkeypatch.setattr(build._Saver, "save_page", stop_on_second)
+    with pytest.raises(KeyboardInterrupt):
+        build_now(repo)
+    middle = bodies(repo)
+    changed = [page for page in middle if middle[page] != before[page]]
+    assert len(changed) == 1
+    monkeypatch.setattr(build._Saver, "save_page", real)
+    report = build_now(repo)
+    assert sorted(report.written) == sorted({"module-csrc", "module-web", "module-gosrc"} - set(changed))
+    with Wiki.open(repo) as wiki:
+        assert wiki.status().to_write == []
+        runs = wiki.log(100).runs
+    written = [a["page_id"] for run in runs[first_runs:] for a in run["amendments"]]
+    assert sorted(written) == ["module-csrc", "module-gosrc", "module-web"]  # each write recorded once
+
+
+def test_two_builds_at_once_write_each_page_once(repo: Path) -> None:
+    assert cli(repo, "plan").returncode == 0
+    procs = [
+        subprocess.Popen(
+            [sys.executable, "-P", "-m", "malde_ostrel.workers.wiki", "--repo", str(repo), "build"],
+            env=ENV,
+            stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE,
+        )  # fmt: skip
+        for _ in range(2)
+    ]
+    assert [proc.wait(timeout=300) for proc in procs] == [0, 0]
+    with Wiki.open(repo) as wiki:
+        runs = wiki.log(100).runs
+        assert wiki.status().to_write == []
+    written = [a["page_id"] for run in runs if run.get("build") for a in run["amendments"]]
+    assert sorted(written) == sorted(set(written)) and len(written) == len(bodies(repo))
