@@ -9,6 +9,7 @@ import json
 import subprocess
 import sys
 import textwrap
+from importlib import resources
 from pathlib import Path
 from typing import Any
 
@@ -151,6 +152,11 @@ def test_edit_one_file_rewrites_only_the_sections_citing_it(repo: Path) -> None:
     change(repo, drop=("pkg/extra.py",))
     build_now(repo)
     assert "`pkg/extra.py`" not in sections(bodies(repo)["module-pkg"])
+    # A new directory needs the plan: the build plans first.
+    change(repo, {"tools/cli.py": "def main():\n    pass\n"})
+    report = build_now(repo)
+    assert report.planned and report.written and not report.failed
+    assert any("[[tools/cli.py:1-2|main]]" in bodies(repo)[page] for page in report.written)
 
 
 def stale_headings(repo: Path, page_id: str) -> tuple[set[str], set[str]]:
@@ -203,6 +209,8 @@ WRITER = textwrap.dedent("""\
     import json, sys, time
     brief = json.load(sys.stdin)
     mode, victim = sys.argv[1], sys.argv[2]
+    with open(sys.argv[0] + "." + brief["page_id"] + ".json", "w") as kept:
+        json.dump(brief, kept)
     cite = brief["files"][0]["path"] if brief["files"] else None
     text = "# " + brief["title"] + "\\n\\nFrom the writer.\\n\\n## Files\\n\\n" + (
         "[[" + cite + ":1]]\\n" if cite else "none\\n")
@@ -258,6 +266,15 @@ def test_a_failing_writer_costs_only_its_page(repo: Path, mode: str) -> None:
     assert "From the writer." in after["module-pkg"] and marks.generated(sections(after["module-pkg"])["Files"])
     with Wiki.open(repo) as wiki:
         assert wiki.status().to_write == ["module-csrc"]
+    # The brief holds what its schema promises.
+    schema = json.loads((resources.files(build.__package__ or "") / "brief.schema.json").read_text())
+    brief = json.loads(Path(f"{script}.module-pkg.json").read_text())
+    assert set(schema["required"]) <= set(brief)
+    assert brief["body"] == before["module-pkg"] and brief["changed_files"]["modified"] == ["pkg/extra.py"]
+    assert [s["files"] for s in brief["stale_sections"]] == [["pkg/extra.py"]]
+    symbol = brief["files"][-1]["symbols"][0]
+    assert set(schema["$defs"]["symbol"]["required"]) == set(symbol)
+    assert (symbol["name"], symbol["line_start"], symbol["line_end"]) == ("helper2", 1, 2)
 
 
 def test_bad_writer_commands_are_one_line_errors(repo: Path) -> None:

@@ -32,7 +32,7 @@ from malde_ostrel.workers.wiki.orchestrator import WikiGenerator
 from malde_ostrel.workers.wiki.tool import carry, citecheck, external, graph, marks, planner, writer
 from malde_ostrel.workers.wiki.tool.facts import FactsCache, FileFacts, gather
 from malde_ostrel.workers.wiki.tool.journal import Journal, new_run_id
-from malde_ostrel.workers.wiki.tool.reports import Record
+from malde_ostrel.workers.wiki.tool.reports import Record, WikiError
 from malde_ostrel.workers.wiki.tool.store import Repository
 from malde_ostrel.workers.wiki.types import PagePlan
 from malde_ostrel.workers.wiki.verify import prose_citations
@@ -116,18 +116,15 @@ def run(
     planned = not _of_record(wiki)
     if planned:
         wiki.plan()
-    snap = wiki._snapshot()
-    with wiki._session(write=False) as db:
-        derived, steering = wiki._derive(snap, db)
-        gen = wiki._generator(db, snap, steering)
-        plans = wiki._pinned(gen, derived, snap)
-        stale = gen._select_stale(plans, gen._existing, False)
-        archive = Repository(db).archived(wiki.branch)
-        pages = [_read(wiki, gen, plan, archive) for plan in plans if plan.page_id in stale]
-        for page in pages:
-            _find_personal(page)
-        cache = FactsCache(db)
-        facts = _facts(pages, plans, snap, cache)
+    read = _read_all(wiki)
+    if read is None:
+        # Pages planned since the last plan (a new directory): the plan goes first.
+        planned = True
+        wiki.plan()
+        read = _read_all(wiki)
+        if read is None:
+            raise WikiError(f"the plan of branch {wiki.branch} keeps changing under this build; run it again")
+    snap, steering, plans, pages, cache, facts = read
     readme = _readme(snap)
     by_id = {plan.page_id: plan for plan in plans}
     diagram_svg: bytes | None = None
@@ -179,6 +176,28 @@ def run(
 
 
 # ---------------------------------------------------------------- reading
+
+
+_Read = tuple[Any, Any, list[PagePlan], list["_Page"], FactsCache, dict[str, FileFacts]]
+
+
+def _read_all(wiki: Wiki) -> _Read | None:
+    """What to write and the facts it needs, read without the store's lock;
+    None when a planned page is not of record yet."""
+    snap = wiki._snapshot()
+    with wiki._session(write=False) as db:
+        derived, steering = wiki._derive(snap, db)
+        gen = wiki._generator(db, snap, steering)
+        plans = wiki._pinned(gen, derived, snap)
+        if any(plan.page_id not in gen._existing for plan in plans):
+            return None
+        stale = gen._select_stale(plans, gen._existing, False)
+        archive = Repository(db).archived(wiki.branch)
+        pages = [_read(wiki, gen, plan, archive) for plan in plans if plan.page_id in stale]
+        for page in pages:
+            _find_personal(page)
+        cache = FactsCache(db)
+        return snap, steering, plans, pages, cache, _facts(pages, plans, snap, cache)
 
 
 def _of_record(wiki: Wiki) -> bool:
@@ -277,7 +296,8 @@ def _from_writer(output: str) -> list[marks.Section]:
     """A writer's page as generated sections, each marked."""
     sections = []
     for section in marks.split(marks.strip_marks(output)):
-        head, _, rest = section.text.partition("\n") if section.heading else ("", "", section.text)
+        titled = section.heading or section.text.startswith("# ")
+        head, _, rest = section.text.partition("\n") if titled else ("", "", section.text)
         sections.append(marks.Section(section.heading, marks.marked(head.rstrip("\r"), rest)))
     return sections
 

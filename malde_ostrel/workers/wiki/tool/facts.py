@@ -16,6 +16,7 @@ from __future__ import annotations
 import ast
 import json
 import os
+import warnings
 from collections.abc import Callable, Iterable, Mapping
 from concurrent.futures import ProcessPoolExecutor
 from multiprocessing import get_context
@@ -86,6 +87,9 @@ def _line_count(data: bytes) -> int:
 
 # ---------------------------------------------------------------- Python
 
+# Statement fields that hold statements.
+_BLOCKS: Final = ("body", "orelse", "finalbody")
+
 
 def _python_signature(node: ast.AST) -> str:
     if isinstance(node, ast.ClassDef):
@@ -101,7 +105,9 @@ def _python_signature(node: ast.AST) -> str:
 def _python(data: bytes) -> FileFacts:
     lines = _line_count(data)
     try:
-        tree = ast.parse(data)
+        with warnings.catch_warnings():
+            warnings.simplefilter("ignore")  # the file's own invalid escapes and the like are not ours to tell
+            tree = ast.parse(data)
     except (SyntaxError, ValueError, MemoryError, RecursionError):
         return FileFacts("python", lines, [], [], "", (0, 0))
     symbols: list[Symbol] = []
@@ -125,13 +131,26 @@ def _python(data: bytes) -> FileFacts:
 
     visit(tree.body, "")
     imports: list[str] = []
-    for node in ast.walk(tree):
+    # Statements only, at any depth: expressions hold no import statement.
+    pending: list[ast.stmt] = list(tree.body)
+    while pending:
+        node = pending.pop()
         if isinstance(node, ast.Import):
             imports.extend(alias.name for alias in node.names)
         elif isinstance(node, ast.ImportFrom):
             base = "." * node.level + (node.module or "")
             imports.append(base)
             imports.extend(f"{base}.{alias.name}" if node.module else base + alias.name for alias in node.names)
+        else:
+            for name in _BLOCKS:
+                block = getattr(node, name, None)
+                if block:
+                    pending.extend(block)
+            for handler in getattr(node, "handlers", None) or ():
+                pending.extend(handler.body)
+            for case in getattr(node, "cases", None) or ():
+                pending.extend(case.body)
+    imports.reverse()
     summary, where = "", (0, 0)
     first = tree.body[0] if tree.body else None
     if isinstance(first, ast.Expr) and isinstance(first.value, ast.Constant) and isinstance(first.value.value, str):
@@ -242,7 +261,7 @@ def gather(
     readable = [(key, path, data) for key, path, data in contents if data is not None]
     if parse is None and len(readable) >= POOL_FROM and (os.cpu_count() or 1) > 1:
         workers = min(os.cpu_count() or 1, 4)
-        with ProcessPoolExecutor(workers, mp_context=get_context("forkserver")) as pool:
+        with ProcessPoolExecutor(workers, mp_context=get_context("spawn")) as pool:
             results = list(pool.map(_extract_pair, [(p, d) for _k, p, d in readable], chunksize=64))
     else:
         one = parse or extract

@@ -22,8 +22,9 @@ from typing import Final
 from malde_ostrel.workers.wiki.tool.facts import FileFacts
 from malde_ostrel.workers.wiki.types import PagePlan
 
-DOT_TIMEOUT: Final = 60.0
-DOT_NODES_MAX: Final = 400
+DOT_TIMEOUT: Final = 20.0
+# More pages than this are drawn as the directories that hold them.
+DIAGRAM_NODES: Final = 60
 _EXTENSIONS: Final = (
     ".py", ".pyi", ".h", ".hpp", ".hh", ".c", ".cc", ".cpp", ".js", ".mjs", ".ts", ".tsx", ".jsx", ".go", ".rs",
     ".java",
@@ -123,18 +124,34 @@ def _quoted(text: str) -> str:
     return '"' + text.replace("\\", "\\\\").replace('"', '\\"').replace("\n", " ") + '"'
 
 
+def _grouped(
+    plans: Sequence[PagePlan], edges: Mapping[str, Sequence[str]]
+) -> tuple[dict[str, tuple[str, str]], set[tuple[str, str]]]:
+    """The diagram's nodes (id -> label, link) and edges: the pages, or, when
+    there are more than ``DIAGRAM_NODES``, the directories holding them at
+    the deepest level that keeps to that many."""
+    by_id = {plan.page_id: plan for plan in plans}
+    used = sorted({page for source, targets in edges.items() for page in (source, *targets) if page in by_id})
+    if len(used) <= DIAGRAM_NODES:
+        nodes = {page: (by_id[page].title or page, page + ".md") for page in used}
+        return nodes, {(s, t) for s, targets in edges.items() for t in targets if s in nodes and t in nodes}
+    folders = {page: posixpath.dirname(by_id[page].source_files[0]).split("/") for page in used}
+    depth = max(len(steps) for steps in folders.values())
+    while depth > 1 and len({tuple(steps[:depth]) for steps in folders.values()}) > DIAGRAM_NODES:
+        depth -= 1
+    group = {page: "/".join(steps[:depth]) or "." for page, steps in folders.items()}
+    nodes = {name: (name + "/", "") for name in sorted(set(group.values()))[:DIAGRAM_NODES]}
+    pairs = {(group[s], group[t]) for s, targets in edges.items() for t in targets if s in group and t in group}
+    return nodes, {(a, b) for a, b in pairs if a != b and a in nodes and b in nodes}
+
+
 def dot_source(plans: Sequence[PagePlan], edges: Mapping[str, Sequence[str]]) -> str:
-    titles = {plan.page_id: plan.title or plan.page_id for plan in plans}
-    used = sorted({page for source, targets in edges.items() for page in (source, *targets)})[:DOT_NODES_MAX]
-    kept = set(used)
+    nodes, arrows = _grouped(plans, edges)
     lines = ["digraph pages {", "  rankdir=LR;", '  node [shape=box, fontname="sans-serif", fontsize=10];']
-    lines.extend(
-        f"  {_quoted(page)} [label={_quoted(titles.get(page, page))}, URL={_quoted(page + '.md')}];" for page in used
-    )
-    for source, targets in edges.items():
-        lines.extend(
-            f"  {_quoted(source)} -> {_quoted(target)};" for target in targets if source in kept and target in kept
-        )
+    for node, (label, url) in nodes.items():
+        link = f", URL={_quoted(url)}" if url else ""
+        lines.append(f"  {_quoted(node)} [label={_quoted(label)}{link}];")
+    lines.extend(f"  {_quoted(a)} -> {_quoted(b)};" for a, b in sorted(arrows))
     lines.append("}")
     return "\n".join(lines) + "\n"
 

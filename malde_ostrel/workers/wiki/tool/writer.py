@@ -16,6 +16,7 @@ one line, bounded, and cannot open a citation, a heading or a code fence.
 
 from __future__ import annotations
 
+import functools
 from collections.abc import Mapping, Sequence
 from typing import Final
 
@@ -40,6 +41,8 @@ def inline(text: str) -> str:
 def code(text: str) -> str:
     """An inline code span holding ``text``, whatever backticks it has."""
     flat = " ".join(text.split())
+    if "`" not in flat:
+        return f"`{flat}`" if flat and not flat.startswith(" ") else f"` {flat} `"
     run = longest = 0
     for char in flat:
         run = run + 1 if char == "`" else 0
@@ -49,6 +52,7 @@ def code(text: str) -> str:
     return f"{fence}{pad}{flat}{pad}{fence}"
 
 
+@functools.lru_cache(maxsize=4096)
 def citable(path: str) -> bool:
     return bool(path) and not any(char.isspace() or char in "]|" for char in path)
 
