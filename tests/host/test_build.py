@@ -99,6 +99,10 @@ def sections(body: str) -> dict[str, str]:
 
 
 def test_first_build_cites_each_symbol_at_its_lines(repo: Path) -> None:
+    outside = repo.parent / "secret.py"
+    outside.write_text("def root():\n    pass\n")
+    (repo / "pkg/link.py").symlink_to(outside)  # leads out of the repository: never read
+    change(repo)
     report = build_now(repo)
     assert report.planned and not report.failed
     assert report.written and len(report.written) == report.to_write
@@ -121,6 +125,7 @@ def test_first_build_cites_each_symbol_at_its_lines(repo: Path) -> None:
     assert cited["add"][1:] in {(5, 9), (3, 3)}
     assert cited["Engine"][1:] == (9, 20)
     assert "Run the thing." in texts["module-pkg"] and "Then more" not in texts["module-pkg"]
+    assert "root:" not in texts["module-pkg"] and "Not readable" in sections(texts["module-pkg"])["`pkg/link.py`"]
     assert "A small repository the tests build a wiki of." in texts["overview"]
     assert "[csrc](module-csrc.md)" in texts["overview"]
     # Every page is written and up to date.
@@ -194,6 +199,12 @@ def test_a_persons_text_survives_and_its_staleness_is_told(repo: Path) -> None:
     with Wiki.open(repo) as wiki:
         wiki.save("module-csrc", body)
     assert stale_headings(repo, "module-csrc") == (set(), set())
+    # Moved and changed: the person's section is told by the file's new name.
+    (repo / "csrc/core.c").write_text((repo / "csrc/lib.c").read_text() + "/* more */\n")
+    change(repo, drop=("csrc/lib.c",))
+    report = build_now(repo)
+    assert {(e["heading"], tuple(e["files"])) for e in report.personal_stale} >= {("Notes", ("csrc/core.c",))}
+    assert "Notes" in stale_headings(repo, "module-csrc")[0] and mine in bodies(repo)["module-csrc"]
     # A page saved by a person is never rewritten; files new to it get sections.
     with Wiki.open(repo) as wiki:
         wiki.save("module-pkg", "# Mine\n\nAll mine: [[pkg/core.py:4-6|run]].\n")

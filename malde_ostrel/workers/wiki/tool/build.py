@@ -21,6 +21,7 @@ it cites change, its staleness is kept in the page's build cache, so that
 from __future__ import annotations
 
 import json
+import os
 from collections.abc import Callable, Sequence
 from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass, field
@@ -47,6 +48,8 @@ DIAGRAM_NAME: Final = "architecture.svg"
 README_NAMES: Final = ("README.md", "README.rst", "README.txt", "README", "readme.md")
 README_READ_MAX: Final = 64 << 10
 _STALE_MARK: Final = "__stale__"
+# The columns a save changes: equal, nobody saved the page since it was read.
+_ROW_STATE: Final = ("content_hash", "source_files", "source_hashes", "build_cache", "updated_at")
 
 Progress = Callable[[int, int], None]
 
@@ -91,6 +94,7 @@ class _Page:
     personal_stale: list[dict[str, Any]] = field(default_factory=list)
     held: dict[str, str] = field(default_factory=dict)  # recorded hashes kept for a person's stale sections
     failure: str | None = None
+    stored: dict[str, Any] | None = None  # the row as the store held it when read
 
 
 class _Saver(WikiGenerator):
@@ -188,6 +192,7 @@ def _read_all(wiki: Wiki) -> _Read | None:
     with wiki._session(write=False) as db:
         derived, steering = wiki._derive(snap, db)
         gen = wiki._generator(db, snap, steering)
+        stored = dict(gen._existing)  # as in the store: the pinning follows renames in memory
         plans = wiki._pinned(gen, derived, snap)
         if any(plan.page_id not in gen._existing for plan in plans):
             return None
@@ -195,6 +200,7 @@ def _read_all(wiki: Wiki) -> _Read | None:
         archive = Repository(db).archived(wiki.branch)
         pages = [_read(wiki, gen, plan, archive) for plan in plans if plan.page_id in stale]
         for page in pages:
+            page.stored = stored.get(page.plan.page_id)
             _find_personal(page)
         cache = FactsCache(db)
         return snap, steering, plans, pages, cache, _facts(pages, plans, snap, cache)
@@ -232,12 +238,20 @@ def _facts(pages: list[_Page], plans: list[PagePlan], snap: Any, cache: FactsCac
             if plan.page_id in ids or plan.page_id in children:
                 wanted.extend(plan.source_files)
     wanted = list(dict.fromkeys(wanted))
-    return gather(wanted, snap.hashes(wanted), snap.read_bytes, cache)
+    return gather(wanted, snap.hashes(wanted), partial(_read_file, snap), cache)
+
+
+def _read_file(snap: Any, path: str) -> bytes | None:
+    """A file's bytes; None for a symbolic link in the work tree (never followed)."""
+    if snap.checked_out and os.path.islink(os.path.join(snap.root, path)):
+        return None
+    data: bytes | None = snap.read_bytes(path)
+    return data
 
 
 def _readme(snap: Any) -> str | None:
     for name in README_NAMES:
-        data = snap.read_bytes(name)
+        data = _read_file(snap, name)
         if data is not None:
             return bytes(data[:README_READ_MAX]).decode("utf-8", "replace")
     return None
@@ -259,10 +273,15 @@ def _find_personal(page: _Page) -> None:
         return
     cache = (page.row or {}).get("build_cache") or {}
     recorded = {**((page.row or {}).get("source_hashes") or {}), **(cache.get("file_hashes") or {})}
+    # What the section map recorded at the last save (its paths follow renames), and what the text cites now.
+    mapped: dict[str, set[str]] = {}
+    for entry in page.changes.get("stale_sections") or []:
+        mapped.setdefault(str(entry["heading"]), set()).update(str(path) for path in entry.get("files") or [])
     for section in marks.split(page.body or ""):
         if marks.generated(section.text):
             continue
-        cited = sorted({str(c["path"]) for c in prose_citations(section.text)} & touched)
+        cites = {str(c["path"]) for c in prose_citations(section.text)} | mapped.get(section.heading, set())
+        cited = sorted(cites & touched)
         if cited:
             page.personal_stale.append({"page_id": page.plan.page_id, "heading": section.heading, "files": cited})
             page.held.update({path: recorded[path] for path in cited if path in recorded})
@@ -276,6 +295,7 @@ def _merge(page: _Page, fresh: list[marks.Section], *, everything: bool) -> None
     recorded_hashes = (page.row or {}).get("source_hashes") or {}
     whole = (
         everything
+        or page.body is None
         or not changes
         or not plan.source_files
         or _STALE_MARK in recorded_hashes
@@ -357,10 +377,10 @@ def _brief(page: _Page, plans: list[PagePlan], facts: dict[str, FileFacts]) -> b
 
 def _unchanged(page: _Page, now: dict[str, Any] | None, body: str | None) -> bool:
     """The page's row and text are as this build read them."""
-    before = page.row or {}
+    before = page.stored or {}
     if now is None:
         return False
-    same_row = all(before.get(key) == now.get(key) for key in ("content_hash", "source_hashes"))
+    same_row = all(before.get(key) == now.get(key) for key in _ROW_STATE)
     return same_row and body == page.body
 
 
@@ -368,13 +388,21 @@ def _holding(build_cache: dict[str, Any], page: _Page) -> dict[str, Any]:
     """The build cache of a page saved with a person's stale sections: the
     files they cite keep the hashes their text was written against, and only
     those sections name them, so that the rest of the page reads as fresh."""
-    personal = {entry["heading"] for entry in page.personal_stale}
+    personal: dict[str, set[str]] = {}
+    for entry in page.personal_stale:
+        personal.setdefault(entry["heading"], set()).update(entry["files"])
     sections = []
     for section in build_cache.get("sections") or []:
-        if section.get("heading") not in personal:
-            section = {**section, "files": [f for f in section.get("files") or [] if f not in page.held]}
-        sections.append(section)
-    file_hashes = {**(build_cache.get("file_hashes") or {}), **page.held}
+        files = section.get("files") or []
+        if section.get("heading") in personal:
+            files = sorted(set(files) | personal[section["heading"]])
+        else:
+            files = [path for path in files if path not in page.held]
+        sections.append({**section, "files": files})
+    # A cited file that is gone records no hash: until the next plan, renames
+    # are followed into these keys, and a gone file's None would win over a held one.
+    file_hashes = {path: digest for path, digest in (build_cache.get("file_hashes") or {}).items() if digest}
+    file_hashes.update(page.held)
     return {**build_cache, "sections": sections, "file_hashes": file_hashes}
 
 
