@@ -15,7 +15,7 @@ from typing import Any
 
 import pytest
 
-from malde_ostrel.workers.wiki.tool import build, facts, marks
+from malde_ostrel.workers.wiki.tool import build, facts, graph, marks
 from malde_ostrel.workers.wiki.tool.wiki import Wiki
 from malde_ostrel.workers.wiki.verify import prose_citations
 
@@ -368,3 +368,89 @@ def test_two_builds_at_once_write_each_page_once(repo: Path) -> None:
         assert wiki.status().to_write == []
     written = [a["page_id"] for run in runs if run.get("build") for a in run["amendments"]]
     assert sorted(written) == sorted(set(written)) and len(written) == len(bodies(repo))
+
+
+# ---------------------------------------------------------------- the parts
+
+
+OTHER_LANGUAGES = {
+    "lib.rs": "/// Adds.\npub fn add(a: i32) -> i32 {\n    a\n}\n\npub struct Point {\n    x: i32,\n}\n\nfn private() {}\n",
+    "Main.java": "/** The app. */\npublic class Main {\n  /** Runs. */\n  public void run() {\n  }\n\n  private void hide() {}\n}\n",
+    "shape.hpp": "namespace geo {\n/// A shape.\nclass Shape {\n public:\n  int area() const { return 0; }\n};\n}\n",
+    "app.js": "// Starts it.\nfunction start(a) {\n  return a;\n}\nclass Box {\n  open() {}\n}\n",
+}
+
+
+@pytest.mark.parametrize("path", sorted(OTHER_LANGUAGES))
+def test_symbols_of_each_language_span_their_definitions(path: str) -> None:
+    source = OTHER_LANGUAGES[path]
+    found = facts.extract(path, source.encode())
+    lines = source.splitlines()
+    names = {symbol.name for symbol in found.symbols}
+    assert names and not {"private", "Main.hide", "hide"} & names
+    for symbol in found.symbols:
+        assert symbol.name.rpartition(".")[2] in lines[symbol.line_start - 1]
+        # The definition ends where its braces close.
+        opened = "\n".join(lines[symbol.line_start - 1 : symbol.line_end])
+        assert opened.count("{") == opened.count("}"), symbol
+    docs = {symbol.name: symbol.doc for symbol in found.symbols}
+    expected = {"lib.rs": ("add", "Adds."), "Main.java": ("Main.run", "Runs."), "shape.hpp": ("Shape", "A shape."),
+                "app.js": ("start", "Starts it.")}[path]  # fmt: skip
+    assert docs[expected[0]] == expected[1]
+
+
+MERGE_CASES = [
+    # (old body, fresh sections, redo, add, expected body)
+    ("", [("", "# T\n"), ("a", "## a\nA\n")], set(), {"", "a"}, "# T\n## a\nA\n"),
+    ("# T\n## a\nold\n## b\nB\n", [("", "# T\n"), ("a", "## a\nnew\n"), ("b", "## b\nB2\n")], {"a"}, set(),
+     "# T\n## a\nold\n## b\nB\n"),  # a person's section (no mark) is kept even when named
+    ("# T\n## b\nB\n", [("", "# T\n"), ("a", "## a\nA\n"), ("b", "## b\nB\n")], set(), {"a"},
+     "# T\n## a\nA\n## b\nB\n"),  # a new section goes after its predecessor: the lead-in
+    ("```\n## not a heading\n```\n", [("", "x\n")], {""}, set(), "```\n## not a heading\n```\n"),
+]  # fmt: skip
+
+
+@pytest.mark.parametrize(("old", "fresh", "redo", "add", "expected"), MERGE_CASES)
+def test_merge_keeps_what_it_is_not_asked_to_write(
+    old: str, fresh: list[tuple[str, str]], redo: set[str], add: set[str], expected: str
+) -> None:
+    sections = [marks.Section(h, t) for h, t in fresh]
+    merged = marks.merge(old, sections, redo.__contains__, add.__contains__)
+    assert merged.body == expected
+    assert "".join(s.text for s in marks.split(old)) == old
+
+
+def test_merge_rewrites_and_drops_generated_sections_only() -> None:
+    a_old, b_old = marks.marked("## a", "A1"), marks.marked("## b", "B1")
+    old = "# T\n" + a_old + b_old + "## mine\nkept\n"
+    fresh = [marks.Section("a", marks.marked("## a", "A2"))]
+    merged = marks.merge(old, fresh, {"a", "b"}.__contains__, lambda _h: False)
+    assert merged.body == "# T\n" + marks.marked("## a", "A2") + "## mine\nkept\n"
+    assert merged.written == ["a"]
+    # Edited by hand, the section is a person's: its mark no longer holds.
+    edited = old.replace("A1", "A1, and my words")
+    merged = marks.merge(edited, fresh, {"a"}.__contains__, lambda _h: False)
+    assert "A1, and my words" in merged.body and merged.written == []
+
+
+RESOLVE_CASES = [
+    ("pkg/sub/mod.py", ".util", "python", ["pkg/sub/util.py"]),
+    ("pkg/sub/mod.py", "..core", "python", ["pkg/core.py"]),
+    ("pkg/sub/mod.py", "pkg.core", "python", ["pkg/core.py"]),
+    ("pkg/sub/mod.py", "pkg.core.Engine", "python", ["pkg/core.py"]),
+    ("pkg/sub/mod.py", "pkg", "python", ["pkg/__init__.py"]),
+    ("pkg/sub/mod.py", "os", "python", []),
+    ("src/a.c", "lib.h", "c", ["src/lib.h"]),
+    ("src/a.c", "../include/api.h", "c", ["include/api.h"]),
+    ("src/a.c", "stdio.h", "c", []),
+    ("web/app.ts", "./util", "typescript", ["web/util.ts"]),
+    ("web/app.ts", "react", "typescript", []),
+    ("cmd/main.go", "example.com/proj/internal/store", "go", ["internal/store/db.go"]),
+]
+
+
+@pytest.mark.parametrize(("source", "name", "language", "expected"), RESOLVE_CASES)
+def test_imports_resolve_to_repository_files(source: str, name: str, language: str, expected: list[str]) -> None:
+    paths = ["pkg/__init__.py", "pkg/core.py", "pkg/sub/util.py", "pkg/sub/mod.py", "src/a.c", "src/lib.h",
+             "include/api.h", "web/app.ts", "web/util.ts", "cmd/main.go", "internal/store/db.go"]  # fmt: skip
+    assert graph.Resolver(paths).resolve(source, name, language) == expected

@@ -157,6 +157,15 @@ def _doc(source: bytes, node: tree_sitter.Node) -> str:
 def _public(language: str, name: str, node: tree_sitter.Node, source: bytes) -> bool:
     if language == "go":
         return name[:1].isupper()
+    if language == "rust":
+        if any(child.type == "visibility_modifier" for child in node.children):
+            return True
+        # A trait's items, and those of a trait's implementation, are the trait's.
+        holder = node.parent.parent if node.parent is not None else None
+        return holder is not None and (
+            holder.type == "trait_item"
+            or (holder.type == "impl_item" and holder.child_by_field_name("trait") is not None)
+        )
     head = _text(source, node.start_byte, min(node.end_byte, node.start_byte + 200)).split()
     if language in ("c", "cpp"):
         return "static" not in head[:3]
