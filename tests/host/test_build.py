@@ -378,6 +378,8 @@ OTHER_LANGUAGES = {
     "Main.java": "/** The app. */\npublic class Main {\n  /** Runs. */\n  public void run() {\n  }\n\n  private void hide() {}\n}\n",
     "shape.hpp": "namespace geo {\n/// A shape.\nclass Shape {\n public:\n  int area() const { return 0; }\n};\n}\n",
     "app.js": "// Starts it.\nfunction start(a) {\n  return a;\n}\nclass Box {\n  open() {}\n}\n",
+    # A C++ header named .h: read as C++ when the C grammar cannot read it.
+    "vec.h": "namespace v {\n/// A vector.\ntemplate <typename T>\nclass Vec {\n public:\n  T at(int i) const {\n    return 0;\n  }\n};\n}\n",
 }
 
 
@@ -389,13 +391,13 @@ def test_symbols_of_each_language_span_their_definitions(path: str) -> None:
     names = {symbol.name for symbol in found.symbols}
     assert names and not {"private", "Main.hide", "hide"} & names
     for symbol in found.symbols:
-        assert symbol.name.rpartition(".")[2] in lines[symbol.line_start - 1]
-        # The definition ends where its braces close.
+        # The definition from its first line (a template's head) to where its braces close.
         opened = "\n".join(lines[symbol.line_start - 1 : symbol.line_end])
+        assert symbol.name.rpartition(".")[2] in "\n".join(lines[symbol.line_start - 1 : symbol.line_start + 1])
         assert opened.count("{") == opened.count("}"), symbol
     docs = {symbol.name: symbol.doc for symbol in found.symbols}
     expected = {"lib.rs": ("add", "Adds."), "Main.java": ("Main.run", "Runs."), "shape.hpp": ("Shape", "A shape."),
-                "app.js": ("start", "Starts it.")}[path]  # fmt: skip
+                "app.js": ("start", "Starts it."), "vec.h": ("Vec", "A vector.")}[path]  # fmt: skip
     assert docs[expected[0]] == expected[1]
 
 

@@ -44,6 +44,7 @@ class Resolver:
         # Every tail of every path's stem (``a/b/c`` gives ``c``, ``b/c``, ``a/b/c``) to its paths.
         self.tails: dict[str, list[str]] = {}
         self.dirs: dict[str, list[str]] = {}
+        self._known: dict[tuple[str, str, str], list[str]] = {}
         for path in sorted(self.paths):
             steps = _stem(path).split("/")
             for index in range(len(steps)):
@@ -56,6 +57,14 @@ class Resolver:
         if not name or len(name) > 300:
             return []
         here = posixpath.dirname(source)
+        # A name that is not relative to its file resolves the same from every file.
+        key = (here if name.startswith(".") or language in ("c", "cpp") else "", name, language)
+        found = self._known.get(key)
+        if found is None:
+            found = self._known[key] = self._resolve(here, name, language)
+        return found
+
+    def _resolve(self, here: str, name: str, language: str) -> list[str]:
         if language in ("c", "cpp"):
             near = posixpath.normpath(posixpath.join(here, name))
             if near in self.paths:

@@ -121,6 +121,10 @@ def _extent(node: tree_sitter.Node) -> tree_sitter.Node:
 def _signature(source: bytes, node: tree_sitter.Node) -> str:
     """The definition's text up to its body, on one line."""
     body = node.child_by_field_name("body")
+    if body is None:
+        # A template's body is its declaration's.
+        inner = (child.child_by_field_name("body") for child in node.named_children)
+        body = next((found for found in inner if found is not None), None)
     end = body.start_byte if body is not None else node.end_byte
     words = _text(source, node.start_byte, end).split()
     text = " ".join(words).rstrip("{:= ").strip()
@@ -179,6 +183,10 @@ def extract(language: str, source: bytes) -> tuple[list[Found], list[str], str]:
     and its opening comment."""
     loaded = _load(language)
     root = loaded.parser.parse(source).root_node
+    if language == "c" and root.has_error:
+        # A header the C grammar cannot read is most often C++ (``.h`` serves both).
+        language, loaded = "cpp", _load("cpp")
+        root = loaded.parser.parse(source).root_node
     best: dict[tuple[int, int], tuple[int, str, tree_sitter.Node, str]] = {}
     for pattern, captures in tree_sitter.QueryCursor(loaded.tags).matches(root):
         names = captures.get("name") or []
