@@ -164,6 +164,18 @@ def test_edit_one_file_rewrites_only_the_sections_citing_it(repo: Path) -> None:
     assert any("[[tools/cli.py:1-2|main]]" in bodies(repo)[page] for page in report.written)
 
 
+def test_a_big_file_gives_its_big_classes_sections_of_their_own(repo: Path) -> None:
+    methods = "".join(f"    def m{i}(self):\n        pass\n" for i in range(10))
+    functions = "".join(f"def f{i}():\n    pass\n" for i in range(35))
+    change(repo, {"pkg/big.py": f"class Big:\n{methods}{functions}"})
+    build_now(repo)
+    page = sections(bodies(repo)["module-pkg"])
+    big, loose = page["`pkg/big.py`: `Big`"], page["`pkg/big.py`"]
+    assert "[[pkg/big.py:1-21|Big]]" in big and "|Big.m9]]" in big and "|f0]]" not in big
+    assert "|f34]]" in loose and "|Big" not in loose
+    assert marks.generated(big) and marks.generated(loose)
+
+
 def stale_headings(repo: Path, page_id: str) -> tuple[set[str], set[str]]:
     with Wiki.open(repo) as wiki:
         status = next(p for p in wiki.status().pages if p.page_id == page_id)

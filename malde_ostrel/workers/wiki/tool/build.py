@@ -302,10 +302,12 @@ def _merge(page: _Page, fresh: list[marks.Section], *, everything: bool) -> None
         or not any(files.get(kind) for kind in ("added", "removed", "modified"))
     )
     touched = _touched(page)
-    redo = {str(s["heading"]) for s in stale} | {writer.file_heading(path) for path in touched}
+    redo = {str(s["heading"]) for s in stale} | {s.heading for s in fresh if s.path in touched}
     if touched:
         redo.add("")  # the lead-in quotes one of the files: written again, the same unless that changed
-    new = {writer.file_heading(path) for path in files.get("added") or []}
+    added = set(files.get("added") or [])
+    # Files new to the page, and new sections of a changed file (a class grown big).
+    new = {s.heading for s in fresh if s.path in added or s.path in touched}
     merged = marks.merge(page.body, fresh, (lambda _h: True) if whole else redo.__contains__,
                          (lambda _h: True) if whole else new.__contains__)  # fmt: skip
     page.text = merged.body

@@ -29,6 +29,8 @@ class Section(NamedTuple):
     heading: str
     # The section's exact text, its heading line first, each line with its newline.
     text: str
+    # The file a generated section documents ("" for none).
+    path: str = ""
 
 
 def split(body: str) -> list[Section]:

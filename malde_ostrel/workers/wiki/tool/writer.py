@@ -30,6 +30,10 @@ LANGUAGE_NAMES: Final = {
     "tsx": "TypeScript", "go": "Go", "rust": "Rust", "java": "Java",
 }  # fmt: skip
 PARTS_SYMBOLS: Final = 6
+# A file with more definitions than this gives a section of its own to each
+# container (a class, say) with more than ``GROUP_MEMBERS`` definitions.
+GROUP_FROM: Final = 40
+GROUP_MEMBERS: Final = 8
 
 
 def inline(text: str) -> str:
@@ -92,20 +96,38 @@ def _symbol_line(path: str, symbol: Symbol) -> str:
     return f"- {symbol.kind} {code(symbol.signature or symbol.name)}{doc} {where}".rstrip()
 
 
-def file_section(path: str, facts: FileFacts | None) -> Section:
+def _listing(path: str, symbols: Sequence[Symbol], intro: str) -> str:
+    lines = [intro, ""]
+    lines.extend(_symbol_line(path, symbol) for symbol in symbols)
+    return "\n".join(lines)
+
+
+def file_sections(path: str, facts: FileFacts | None) -> list[Section]:
+    """The sections of one file: one, or for a big file, one for its loose
+    definitions and one per container (a class, say) with many members."""
     heading = file_heading(path)
     if facts is None:
-        content = "Not readable in this tree."
-    elif not facts.symbols:
+        return [Section(heading, marked(f"## {heading}", "Not readable in this tree."), path)]
+    if not facts.symbols:
         what = f"{LANGUAGE_NAMES.get(facts.language, facts.language)} file" if facts.language else "file"
         span = cite(path, 1, facts.lines) if facts.lines else ""
         content = f"A {what} of {facts.lines} line(s), without public definitions. {span}".rstrip()
-    else:
-        count = len(facts.symbols)
-        lines = [f"{count} public definition(s), in line order:", ""]
-        lines.extend(_symbol_line(path, symbol) for symbol in facts.symbols)
-        content = "\n".join(lines)
-    return Section(heading, marked(f"## {heading}", content))
+        return [Section(heading, marked(f"## {heading}", content), path)]
+    groups: dict[str, list[Symbol]] = {}
+    if len(facts.symbols) > GROUP_FROM:
+        for symbol in facts.symbols:
+            groups.setdefault(symbol.name.partition(".")[0], []).append(symbol)
+    big = {name for name, members in groups.items() if len(members) > GROUP_MEMBERS}
+    loose = [symbol for symbol in facts.symbols if symbol.name.partition(".")[0] not in big]
+    intro = f"{len(facts.symbols)} public definition(s), in line order"
+    intro += f"; {len(big)} with many members have sections of their own:" if big else ":"
+    sections = [Section(heading, marked(f"## {heading}", _listing(path, loose, intro)), path)]
+    for name in sorted(big, key=lambda n: groups[n][0].line_start):
+        part = f"{heading}: {code(name)}"
+        members = groups[name]
+        text = _listing(path, members, f"{code(name)} and its {len(members) - 1} member(s):")
+        sections.append(Section(part, marked(f"## {part}", text), path))
+    return sections
 
 
 def _opening(plan: PagePlan, facts: Mapping[str, FileFacts]) -> str:
@@ -121,7 +143,8 @@ def _opening(plan: PagePlan, facts: Mapping[str, FileFacts]) -> str:
 def code_page(plan: PagePlan, facts: Mapping[str, FileFacts]) -> list[Section]:
     where = plan.description or ""
     sections = [Section("", marked(_title_line(plan), _opening(plan, facts) or where))]
-    sections.extend(file_section(path, facts.get(path)) for path in plan.source_files)
+    for path in plan.source_files:
+        sections.extend(file_sections(path, facts.get(path)))
     return sections
 
 
