@@ -120,12 +120,12 @@ def run(
     planned = not _of_record(wiki)
     if planned:
         wiki.plan()
-    read = _read_all(wiki)
+    read = _read_all(wiki, progress)
     if read is None:
         # Pages planned since the last plan (a new directory): the plan goes first.
         planned = True
         wiki.plan()
-        read = _read_all(wiki)
+        read = _read_all(wiki, progress)
         if read is None:
             raise WikiError(f"the plan of branch {wiki.branch} keeps changing under this build; run it again")
     snap, steering, plans, pages, cache, facts = read
@@ -185,7 +185,7 @@ def run(
 _Read = tuple[Any, Any, list[PagePlan], list["_Page"], FactsCache, dict[str, FileFacts]]
 
 
-def _read_all(wiki: Wiki) -> _Read | None:
+def _read_all(wiki: Wiki, progress: Progress | None) -> _Read | None:
     """What to write and the facts it needs, read without the store's lock;
     None when a planned page is not of record yet."""
     snap = wiki._snapshot()
@@ -203,7 +203,7 @@ def _read_all(wiki: Wiki) -> _Read | None:
             page.stored = stored.get(page.plan.page_id)
             _find_personal(page)
         cache = FactsCache(db)
-        return snap, steering, plans, pages, cache, _facts(pages, plans, snap, cache)
+        return snap, steering, plans, pages, cache, _facts(pages, plans, snap, cache, progress)
 
 
 def _of_record(wiki: Wiki) -> bool:
@@ -226,7 +226,9 @@ def _read(wiki: Wiki, gen: WikiGenerator, plan: PagePlan, archive: list[dict[str
     return _Page(plan, row, body, changes, drafts)
 
 
-def _facts(pages: list[_Page], plans: list[PagePlan], snap: Any, cache: FactsCache) -> dict[str, FileFacts]:
+def _facts(
+    pages: list[_Page], plans: list[PagePlan], snap: Any, cache: FactsCache, progress: Progress | None
+) -> dict[str, FileFacts]:
     """The facts of every file the pages to write need."""
     ids = {page.plan.page_id for page in pages}
     wanted: list[str] = []
@@ -238,7 +240,7 @@ def _facts(pages: list[_Page], plans: list[PagePlan], snap: Any, cache: FactsCac
             if plan.page_id in ids or plan.page_id in children:
                 wanted.extend(plan.source_files)
     wanted = list(dict.fromkeys(wanted))
-    return gather(wanted, snap.hashes(wanted), partial(_read_file, snap), cache)
+    return gather(wanted, snap.hashes(wanted), partial(_read_file, snap), cache, progress=progress)
 
 
 def _read_file(snap: Any, path: str) -> bytes | None:

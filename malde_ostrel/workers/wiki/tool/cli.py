@@ -59,13 +59,13 @@ def _warn(message: str) -> None:
 
 
 @contextmanager
-def _hashing(wiki: Wiki) -> Iterator[None]:
+def _hashing(wiki: Wiki, label: str = "hashing files") -> Iterator[termui.Progress]:
     """A progress bar while the wiki hashes files (on a terminal, after a
     second), wiped before the command prints."""
-    with termui.Progress("hashing files") as progress:
+    with termui.Progress(label) as progress:
         wiki.progress = progress
         try:
-            yield
+            yield progress
         finally:
             wiki.progress = None
 
@@ -277,7 +277,7 @@ def cmd_build(wiki: Wiki, args: argparse.Namespace) -> Any:
             raise WikiError(f"--writer {args.writer!r} cannot be split into arguments ({exc})") from None
         if not command:
             raise WikiError("--writer is empty; name the writer command")
-    with _hashing(wiki), termui.Progress("writing pages") as progress:
+    with _hashing(wiki, "building") as progress:  # one bar, for the hashing and then the pages
         report = wiki.build(command=command, jobs=args.jobs, timeout=args.writer_timeout, progress=progress)
     for warning in report.warnings:
         _warn(warning)

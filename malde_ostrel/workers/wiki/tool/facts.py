@@ -246,6 +246,7 @@ def gather(
     cache: FactsCache,
     *,
     parse: Callable[[str, bytes], FileFacts] | None = None,
+    progress: Callable[[int, int], None] | None = None,
 ) -> dict[str, FileFacts]:
     """The facts of each readable path: from the cache when its blob is
     known there, else parsed (once per blob), and remembered in ``cache.new``."""
@@ -262,10 +263,18 @@ def gather(
     if parse is None and len(readable) >= POOL_FROM and (os.cpu_count() or 1) > 1:
         workers = min(os.cpu_count() or 1, 4)
         with ProcessPoolExecutor(workers, mp_context=get_context("spawn")) as pool:
-            results = list(pool.map(_extract_pair, [(p, d) for _k, p, d in readable], chunksize=64))
+            results = []
+            for found in pool.map(_extract_pair, [(p, d) for _k, p, d in readable], chunksize=64):
+                results.append(found)
+                if progress is not None:
+                    progress(len(results), len(readable))
     else:
         one = parse or extract
-        results = [one(path, data) for _key, path, data in readable]
+        results = []
+        for _key, path, data in readable:
+            results.append(one(path, data))
+            if progress is not None:
+                progress(len(results), len(readable))
     for (key, _path, _data), facts in zip(readable, results, strict=True):
         known[key] = facts
         cache.new[key] = facts
