@@ -152,8 +152,9 @@ def run(
         return writer.code_page(plan, facts)
 
     if command:
-        held = {plan.page_id: citecheck.covered(plan, plans, snap.paths) for plan in plans}
-        briefs = {page.plan.page_id: _brief(page, plans, facts) for page in pages}
+        held = {page.plan.page_id: citecheck.covered(page.plan, plans, snap.paths) for page in pages}
+        parents = {child: plan.page_id for plan in plans for child in plan.children}
+        briefs = {page.plan.page_id: _brief(page, plans, by_id, parents, facts) for page in pages}
         done = 0
 
         def one(page: _Page) -> _Page:
@@ -326,10 +327,12 @@ def _from_writer(output: str) -> list[marks.Section]:
     return sections
 
 
-def _brief(page: _Page, plans: list[PagePlan], facts: dict[str, FileFacts]) -> bytes:
+def _brief(
+    page: _Page, plans: list[PagePlan], by_id: dict[str, PagePlan], parents: dict[str, str], facts: dict[str, FileFacts]
+) -> bytes:
+    """The JSON brief of one page (see ``brief.schema.json``)."""
     plan = page.plan
-    by_id = {p.page_id: p for p in plans}
-    parent = next((p.page_id for p in plans if plan.page_id in p.children), None)
+    parent = parents.get(plan.page_id)
     if plan.level == "overview":
         linked = [p for p in plans if p is not plan]
     else:
