@@ -6,9 +6,11 @@ and runs stopped half-way."""
 from __future__ import annotations
 
 import json
+import signal
 import subprocess
 import sys
 import textwrap
+import time
 from importlib import resources
 from pathlib import Path
 from typing import Any
@@ -468,3 +470,28 @@ def test_imports_resolve_to_repository_files(source: str, name: str, language: s
     paths = ["pkg/__init__.py", "pkg/core.py", "pkg/sub/util.py", "pkg/sub/mod.py", "src/a.c", "src/lib.h",
              "include/api.h", "web/app.ts", "web/util.ts", "cmd/main.go", "internal/store/db.go"]  # fmt: skip
     assert graph.Resolver(paths).resolve(source, name, language) == expected
+
+
+# Builds of this repository take a few tenths of a second: the kills land all along one.
+@pytest.mark.parametrize("delay", [0.04 * step for step in range(1, 11)])
+def test_a_build_killed_at_any_moment_leaves_old_or_new_texts(repo: Path, delay: float) -> None:
+    build_now(repo)
+    with Wiki.open(repo) as wiki:
+        first_runs = len(wiki.log(1000).runs)
+    change(repo, {path: "// touched\n" + text for path, text in SOURCES.items() if path.endswith((".c", ".ts", ".go"))})
+    change(repo, {"pkg/core.py": SOURCES["pkg/core.py"] + "\n\ndef late():\n    pass\n"})
+    before = bodies(repo)
+    proc = subprocess.Popen([sys.executable, "-P", "-m", "malde_ostrel.workers.wiki", "--repo", str(repo), "build"],
+                            env=ENV, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)  # fmt: skip
+    time.sleep(delay)
+    proc.send_signal(signal.SIGKILL)
+    proc.wait()
+    middle = bodies(repo)
+    assert cli(repo, "build").returncode == 0
+    after = bodies(repo)
+    assert all(middle[page] in (before[page], after[page]) for page in before)
+    with Wiki.open(repo) as wiki:
+        assert wiki.status().to_write == []
+        runs = wiki.log(1000).runs[first_runs:]
+    written = [a["page_id"] for run in runs for a in run["amendments"]]
+    assert sorted(written) == ["module-csrc", "module-gosrc", "module-pkg", "module-web"]
