@@ -168,10 +168,15 @@ def run(
             return page
 
         with ThreadPoolExecutor(max(1, jobs)) as pool:
-            for _page in pool.map(one, pages):
-                done += 1
-                if progress is not None:
-                    progress(done, total)
+            try:
+                for _page in pool.map(one, pages):
+                    done += 1
+                    if progress is not None:
+                        progress(done, total)
+            except BaseException:
+                pool.shutdown(wait=False, cancel_futures=True)
+                external.stop_all()  # an interrupted build waits for no writer
+                raise
     else:
         for done, page in enumerate(pages, 1):
             _merge(page, fresh(page), everything=False)

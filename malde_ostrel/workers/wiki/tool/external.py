@@ -29,6 +29,22 @@ class WriterFailure(Exception):
     """A writer gave no usable page; the message is the one-line reason."""
 
 
+# The writers running now, to stop should the build be interrupted.
+_running: set[subprocess.Popen[bytes]] = set()
+_running_lock = threading.Lock()
+
+
+def stop_all() -> None:
+    """Stop every writer running now (and whatever each started)."""
+    with _running_lock:
+        procs = list(_running)
+    for proc in procs:
+        try:
+            os.killpg(proc.pid, signal.SIGKILL)
+        except (ProcessLookupError, PermissionError):
+            pass
+
+
 def _stop(proc: subprocess.Popen[bytes]) -> None:
     try:
         os.killpg(proc.pid, signal.SIGKILL)
@@ -54,6 +70,17 @@ def run(argv: Sequence[str], brief: bytes, *, timeout: float, limit: int = OUTPU
         )
     except OSError as exc:
         raise WriterFailure(f"cannot start {argv[0]}: {exc.strerror or exc}") from None
+    assert proc.stdout is not None
+    with _running_lock:
+        _running.add(proc)
+    try:
+        return _collect(proc, brief, timeout, limit)
+    finally:
+        with _running_lock:
+            _running.discard(proc)
+
+
+def _collect(proc: subprocess.Popen[bytes], brief: bytes, timeout: float, limit: int) -> str:
     assert proc.stdout is not None
     feeder = threading.Thread(target=_feed, args=(proc, brief), daemon=True)
     feeder.start()
