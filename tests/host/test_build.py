@@ -164,6 +164,9 @@ def test_edit_one_file_rewrites_only_the_sections_citing_it(repo: Path) -> None:
     report = build_now(repo)
     assert report.planned and report.written and not report.failed
     assert any("[[tools/cli.py:1-2|main]]" in bodies(repo)[page] for page in report.written)
+    # The overview, which lists every page, follows.
+    assert all(f"({page}.md)" in bodies(repo)["overview"] for page in bodies(repo) if page != "overview")
+    assert build_now(repo).written == []
 
 
 def test_a_big_file_gives_its_big_classes_sections_of_their_own(repo: Path) -> None:

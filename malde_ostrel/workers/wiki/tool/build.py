@@ -95,6 +95,7 @@ class _Page:
     held: dict[str, str] = field(default_factory=dict)  # recorded hashes kept for a person's stale sections
     failure: str | None = None
     stored: dict[str, Any] | None = None  # the row as the store held it when read
+    optional: bool = False  # not stale: written only when its text changes
 
 
 class _Saver(WikiGenerator):
@@ -152,6 +153,8 @@ def run(
         return writer.code_page(plan, facts)
 
     if command:
+        pages = [page for page in pages if not page.optional]
+        total = len(pages)
         held = {page.plan.page_id: citecheck.covered(page.plan, plans, snap.paths) for page in pages}
         parents = {child: plan.page_id for plan in plans for child in plan.children}
         briefs = {page.plan.page_id: _brief(page, plans, by_id, parents, facts) for page in pages}
@@ -182,6 +185,7 @@ def run(
             _merge(page, fresh(page), everything=False)
             if progress is not None:
                 progress(done, total)
+    pages = [page for page in pages if not page.optional or (not command and page.text != page.body)]
     return _save(wiki, snap, steering, pages, cache, planned, diagram_svg)
 
 
@@ -205,6 +209,11 @@ def _read_all(wiki: Wiki, progress: Progress | None) -> _Read | None:
         stale = gen._select_stale(plans, gen._existing, False)
         archive = Repository(db).archived(wiki.branch)
         pages = [_read(wiki, gen, plan, archive) for plan in plans if plan.page_id in stale]
+        # The overview lists every page: checked on each build, written when that list changed.
+        overview = next((p for p in plans if p.page_id == planner.OVERVIEW_ID and p.page_id not in stale), None)
+        if overview is not None and (gen._existing.get(overview.page_id) or {}).get("content_hash"):
+            pages.append(_read(wiki, gen, overview, archive))
+            pages[-1].optional = True
         for page in pages:
             page.stored = stored.get(page.plan.page_id)
             _find_personal(page)
