@@ -82,7 +82,7 @@ def generated(text: str) -> bool:
 
 class Merged(NamedTuple):
     body: str
-    # Headings of the generated sections written (new or replaced).
+    # Headings of the generated sections written (new, or replaced by another text).
     written: list[str]
 
 
@@ -103,7 +103,8 @@ def merge(old: str | None, fresh: Sequence[Section], redo: Callable[[str], bool]
             replacement = by_heading.get(section.heading)
             if replacement is not None:
                 result.append(replacement)
-                written.append(section.heading)
+                if replacement.text != section.text:
+                    written.append(section.heading)
         else:
             result.append(section)
     for index, section in enumerate(fresh):
