@@ -162,6 +162,10 @@ def main() -> None:
         wiki(repo, "plan")
         wiki(repo, "history", "module-kettle")
 
+        heading("8. build: the other pages written from the code; the saved text kept, its stale section told")
+        wiki(repo, "build")
+        wiki(repo, "status")
+
     heading("done")
     print(f"the tour took {time.monotonic() - started:.1f} s")
     print("run on your own repository: ostrel-wiki --repo PATH plan")

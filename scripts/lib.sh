@@ -62,3 +62,12 @@ under_sanitizers() {
   UBSAN_OPTIONS=halt_on_error=1:print_stacktrace=1 \
     "$@"
 }
+
+# Graphviz's dot lays out the architecture page's diagram (`ostrel-wiki build`).
+ensure_graphviz() {
+  command -v dot >/dev/null && return
+  local sudo=()
+  [ "$(id -u)" -eq 0 ] || sudo=(sudo)
+  "${sudo[@]}" apt-get update -qq
+  "${sudo[@]}" apt-get install -y -qq graphviz >/dev/null
+}

@@ -7,7 +7,9 @@ report (``--json``: the report as JSON). ``ostrel-wiki --replan`` is
 Exit status: 0 on success (also when the output pipe closes early), 1 on an
 error (one ``ostrel-wiki: error:`` line on stderr naming the thing and what to
 do; nothing was written), 2 on bad usage, 3 on an unexpected failure (one
-line; the store holds whole transactions only), 130 when interrupted.
+line; the store holds whole transactions only), 4 when ``build`` left some
+pages unwritten (one line each names the page and why; the others are
+saved), 130 when interrupted.
 """
 
 from __future__ import annotations
@@ -17,6 +19,7 @@ import gc
 import json
 import logging
 import os
+import shlex
 import sqlite3
 import sys
 from collections.abc import Callable, Iterator, Sequence
@@ -32,8 +35,11 @@ from malde_ostrel.workers.wiki.tool.store import DOCTOR_HINT, StoreError
 from malde_ostrel.workers.wiki.tool.wiki import PROG, Wiki
 
 STORE_ENV = "OSTREL_WIKI_STORE"
+DEFAULT_WRITER_TIMEOUT = 300.0
 DEFAULT_LOG_RUNS = 10
-COMMANDS = ("plan", "save", "status", "log", "show", "history", "archive", "restore", "doctor")
+COMMANDS = ("plan", "save", "status", "log", "show", "history", "archive", "restore", "doctor", "build")
+# Exit status of a build that left pages unwritten.
+EXIT_UNWRITTEN = 4
 
 
 def _open(args: argparse.Namespace) -> Wiki:
@@ -53,13 +59,13 @@ def _warn(message: str) -> None:
 
 
 @contextmanager
-def _hashing(wiki: Wiki) -> Iterator[None]:
+def _hashing(wiki: Wiki, label: str = "hashing files") -> Iterator[termui.Progress]:
     """A progress bar while the wiki hashes files (on a terminal, after a
     second), wiped before the command prints."""
-    with termui.Progress("hashing files") as progress:
+    with termui.Progress(label) as progress:
         wiki.progress = progress
         try:
-            yield
+            yield progress
         finally:
             wiki.progress = None
 
@@ -203,7 +209,7 @@ def cmd_log(wiki: Wiki, args: argparse.Namespace) -> Any:
         if index:
             print()
         amendments = [a for a in run.get("amendments") or [] if isinstance(a, dict)]
-        kind = "replan" if run.get("replan") else "plan"
+        kind = "build" if run.get("build") else "replan" if run.get("replan") else "plan"
         print(f"{run.get('at', '?')}  {kind}  ({len(amendments)} amendment(s))")
         _print_amendments(amendments)
     return None
@@ -295,6 +301,39 @@ def cmd_doctor(wiki: Wiki, args: argparse.Namespace) -> Any:
     return None
 
 
+def cmd_build(wiki: Wiki, args: argparse.Namespace) -> Any:
+    command = None
+    if args.writer is not None:
+        try:
+            command = shlex.split(args.writer)
+        except ValueError as exc:
+            raise WikiError(f"--writer {args.writer!r} cannot be split into arguments ({exc})") from None
+        if not command:
+            raise WikiError("--writer is empty; name the writer command")
+    with _hashing(wiki, "building") as progress:  # one bar, for the hashing and then the pages
+        report = wiki.build(command=command, jobs=args.jobs, timeout=args.writer_timeout, progress=progress)
+    for warning in report.warnings:
+        _warn(warning)
+    for failure in report.failed:
+        print(f"{PROG}: {failure['page_id']}: not written: {failure['reason']}", file=sys.stderr)
+    for entry in report.personal_stale:
+        _warn(
+            f'{entry["page_id"]}: section "{entry["heading"] or "(lead-in)"}" is a person\'s text and cites '
+            f"changed {', '.join(entry['files'])}; revise it and save the page"
+        )
+    if report.failed:
+        args.exit_status = EXIT_UNWRITTEN
+    if args.json:
+        return report
+    first = "planned, then " if report.planned else ""
+    others = f", {len(report.skipped)} written by another run" if report.skipped else ""
+    print(
+        f"Branch {report.branch}: {first}{len(report.written)} of {report.to_write} page(s) written, "
+        f"{report.sections_written} section(s) written, {len(report.failed)} failed{others}"
+    )
+    return None
+
+
 # ---------------------------------------------------------------- output
 
 
@@ -325,6 +364,16 @@ def _positive(text: str) -> int:
         raise argparse.ArgumentTypeError(f"not a whole number: {text!r}") from None
     if value < 1:
         raise argparse.ArgumentTypeError(f"must be at least 1: {value}")
+    return value
+
+
+def _seconds(text: str) -> float:
+    try:
+        value = float(text)
+    except ValueError:
+        raise argparse.ArgumentTypeError(f"not a number of seconds: {text!r}") from None
+    if not value > 0 or value == float("inf"):
+        raise argparse.ArgumentTypeError(f"must be a positive number of seconds: {text}")
     return value
 
 
@@ -415,6 +464,21 @@ def build_parser() -> argparse.ArgumentParser:
         "--into", metavar="PAGE_ID", help="the receiving page (default: the one holding most of its files)"
     )
     add("doctor", cmd_doctor, "check and repair the store and the log (keeps backups)")
+    build = add("build", cmd_build, "write every page to write, and only what went stale")
+    build.add_argument(
+        "--writer",
+        metavar="CMD",
+        help="a writer command (split like a shell would, never run by one): a JSON brief on its stdin, "
+        "the page's Markdown on its stdout, once per page (default: the built-in writer)",
+    )
+    build.add_argument("-j", "--jobs", type=_positive, default=1, metavar="N", help="writers run at once (default 1)")
+    build.add_argument(
+        "--writer-timeout",
+        type=_seconds,
+        default=DEFAULT_WRITER_TIMEOUT,
+        metavar="SECONDS",
+        help=f"a writer that takes longer fails its page (default {DEFAULT_WRITER_TIMEOUT:g})",
+    )
     return parser
 
 
@@ -474,13 +538,13 @@ def main(argv: Sequence[str] | None = None) -> int:
             json.dump(as_json(result), sys.stdout, indent=2, ensure_ascii=False)
             sys.stdout.write("\n")
         sys.stdout.flush()
-        return 0
+        return int(getattr(args, "exit_status", 0))
     except BrokenPipeError:
         # The reader went away (``| head``): the work is done, the rest of the
         # output has nowhere to go.
         devnull = os.open(os.devnull, os.O_WRONLY)
         os.dup2(devnull, sys.stdout.fileno())
-        return 0
+        return int(getattr(args, "exit_status", 0))
     except (WikiError, RepoError, SteeringError, StoreError) as exc:
         return _error(str(exc))
     except sqlite3.Error as exc:

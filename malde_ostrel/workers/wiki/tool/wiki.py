@@ -23,12 +23,12 @@ when this one is stopped (see ``journal``).
 from __future__ import annotations
 
 import os
-from collections.abc import Iterator
+from collections.abc import Callable, Iterator
 from contextlib import contextmanager
 from datetime import datetime
 from functools import partial
 from pathlib import Path
-from typing import Any, Final
+from typing import TYPE_CHECKING, Any, Final
 
 from malde_ostrel.workers.wiki import plan_record
 from malde_ostrel.workers.wiki.orchestrator import WikiGenerator, page_columns
@@ -59,6 +59,9 @@ from malde_ostrel.workers.wiki.tool.store import SCHEMA_VERSION, Database, Repos
 from malde_ostrel.workers.wiki.types import PagePlan
 from malde_ostrel.workers.wiki.verify import prose_citations
 from malde_ostrel.workers.wiki_types import PINNED_LEVELS
+
+if TYPE_CHECKING:
+    from malde_ostrel.workers.wiki.tool.build import BuildReport
 
 PROG: Final = "ostrel-wiki"
 STORE_NAME: Final = "store.sqlite3"
@@ -657,6 +660,23 @@ class Wiki:
                 )
             _finish(journal)
         return RestoreReport(entry, found["page_id"], target)
+
+    def build(
+        self,
+        *,
+        command: list[str] | None = None,
+        jobs: int = 1,
+        timeout: float | None = None,
+        progress: Callable[[int, int], None] | None = None,
+    ) -> BuildReport:
+        """Write every page to write, planning first on a fresh store; with
+        ``command``, a writer process per page, ``jobs`` at once (see ``build``)."""
+        from malde_ostrel.workers.wiki.tool import build
+
+        return build.run(
+            self, command=command, jobs=jobs, timeout=build.DEFAULT_TIMEOUT if timeout is None else timeout,
+            progress=progress,
+        )  # fmt: skip
 
     def doctor(self) -> DoctorReport:
         """Check the store and the branch's log and texts; repair what can be
