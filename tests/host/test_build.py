@@ -149,6 +149,10 @@ def test_edit_one_file_rewrites_only_the_sections_citing_it(repo: Path) -> None:
     core = "`pkg/core.py`"
     assert "stop" in new[core] and "stop" not in old[core]
     assert {h: t for h, t in new.items() if h != core} == {h: t for h, t in old.items() if h != core}
+    with Wiki.open(repo) as wiki:  # the text the build replaced stays a revision
+        kept = wiki.revisions("module-pkg")
+        assert [r.replaced_by for r in kept] == ["build"]
+        assert wiki.revision("module-pkg", kept[0].n).text == before["module-pkg"]
     # A file new to the page gets its section; the others stay as they were.
     change(repo, {"pkg/more.py": "def more():\n    pass\n"})
     build_now(repo)
