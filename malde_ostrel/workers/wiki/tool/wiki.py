@@ -27,7 +27,7 @@ from contextlib import contextmanager
 from datetime import datetime
 from functools import partial
 from pathlib import Path
-from typing import Any, Final
+from typing import TYPE_CHECKING, Any, Final
 
 from malde_ostrel.workers.wiki import plan_record
 from malde_ostrel.workers.wiki.orchestrator import WikiGenerator, page_columns
@@ -56,6 +56,9 @@ from malde_ostrel.workers.wiki.tool.store import SCHEMA_VERSION, Database, Repos
 from malde_ostrel.workers.wiki.types import PagePlan
 from malde_ostrel.workers.wiki.verify import prose_citations
 from malde_ostrel.workers.wiki_types import PINNED_LEVELS
+
+if TYPE_CHECKING:
+    from malde_ostrel.workers.wiki.tool.publish.model import SiteInput
 
 PROG: Final = "ostrel-wiki"
 STORE_NAME: Final = "store.sqlite3"
@@ -470,10 +473,7 @@ class Wiki:
             stale = gen._select_stale(plans, gen._existing, False)
             archive = Repository(db).archived(self.branch)
             pages: list[StatusPage] = []
-            for plan in plans:
-                row = gen._existing.get(plan.page_id)
-                written = bool(row and row.get("content_hash"))
-                changes = gen._page_changes(plan, row) if written else {}
+            for plan, written, changes in _page_states(gen, plans):
                 pages.append(
                     StatusPage(
                         plan.page_id,
@@ -579,8 +579,79 @@ class Wiki:
 
         return doctor.doctor(self.store, self.wiki_dir, self.branch)
 
+    # ------------------------------------------------------------ publishing
+
+    def site_input(self) -> SiteInput:
+        """Every planned page as published: text, files, stale sections and
+        history, in reading order (a family's parts after their parent)."""
+        from malde_ostrel.workers.wiki.tool.publish.model import SiteInput, SitePage
+
+        snap = self._snapshot()
+        runs = _runs_by_page(read_runs(self.log_path)[0])
+        with self._session(write=False) as db:
+            derived, steering = self._derive(snap, db)
+            gen = self._generator(db, snap, steering)
+            plans = self._pinned(gen, derived, snap)
+            stale = gen._select_stale(plans, gen._existing, False)
+            pages: list[SitePage] = []
+            for plan, written, changes in _page_states(gen, plans):
+                pages.append(
+                    SitePage(
+                        plan.page_id,
+                        plan.title,
+                        plan.description,
+                        plan.level,
+                        list(plan.children),
+                        [p for p in plan.related_pages if p not in plan.children],
+                        list(plan.source_files),
+                        written,
+                        plan.page_id in stale,
+                        carry.read_body(self.pages_dir / f"{plan.page_id}.md") if written else None,
+                        changes.get("changed_files", {}),
+                        list(changes.get("stale_sections", [])),
+                        page_history(runs.get(plan.page_id, []), plan.page_id),
+                    )
+                )
+        return SiteInput(self.branch, snap.commit, pages, snap.hashes, snap.read_bytes, self.pages_dir, self.root)
+
+    def branches(self) -> list[str]:
+        """The branches of the store that have pages."""
+        with self._session(write=False) as db:
+            return Repository(db).branches()
+
+    def reopened(self, branch: str | None = None) -> Wiki:
+        """The same wiki (or ``branch``'s, beside it) opened again: a new look at the tree."""
+        if branch is None or branch == self.branch:
+            return Wiki.open(
+                self.root, branch=self.branch if self._named else None, store=self.store, wiki_dir=self.wiki_dir
+            )
+        return Wiki.open(self.root, branch=branch, store=self.store)
+
 
 # ---------------------------------------------------------------- helpers
+
+
+def _page_states(gen: WikiGenerator, plans: list[PagePlan]) -> Iterator[tuple[PagePlan, bool, dict[str, Any]]]:
+    """Each plan, whether its page is written, and its changes since (files, stale sections)."""
+    for plan in plans:
+        row = gen._existing.get(plan.page_id)
+        written = bool(row and row.get("content_hash"))
+        yield plan, written, gen._page_changes(plan, row) if written else {}
+
+
+def _runs_by_page(runs: list[dict[str, Any]]) -> dict[str, list[dict[str, Any]]]:
+    """Per page id, the runs cut to the records that name it (as the page,
+    or as where its text came from): ``page_history`` reads each page's own."""
+    by_page: dict[str, dict[int, dict[str, Any]]] = {}
+    for number, run in enumerate(runs):
+        for record in run.get("amendments") or []:
+            if not isinstance(record, dict):
+                continue
+            for name in {record.get("page_id"), record.get("from")}:
+                if isinstance(name, str):
+                    cut = by_page.setdefault(name, {}).setdefault(number, {**run, "amendments": []})
+                    cut["amendments"].append(record)
+    return {page_id: list(cut.values()) for page_id, cut in by_page.items()}
 
 
 def _snapshot(root: Path, branch: str | None) -> repo_scan.Snapshot:

@@ -1,0 +1,345 @@
+"""One branch's wiki as a static site: index, pages, source views, search index.
+
+Layout under the branch's directory::
+
+    index.html              the page tree
+    pages/<page>.html       one per planned page (and the diagrams they show)
+    src/<blob id>.html      one per distinct cited file content
+    search-index.js         the search index, loaded by assets/site.js on first use
+    assets/                 style sheets and the script
+
+Every output is made from inputs whose digest the manifest keeps, so
+publishing again renders only the pages whose text, files, stale state or
+history changed, and the source views of new cited contents.
+"""
+
+from __future__ import annotations
+
+import dataclasses
+import functools
+import json
+import os
+import re
+from collections.abc import Iterable
+from importlib import resources
+from pathlib import Path
+from typing import Any, Final
+
+import jinja2
+from markupsafe import Markup
+
+from malde_ostrel.workers.wiki.tool.publish import highlight
+from malde_ostrel.workers.wiki.tool.publish.model import SiteInput, SitePage
+from malde_ostrel.workers.wiki.tool.publish.output import SiteDir, digest
+from malde_ostrel.workers.wiki.tool.publish.render import Citation, Links, Renderer, citations, repo_path
+
+PACKAGE: Final = "malde_ostrel.workers.wiki.tool.publish"
+SEARCH_INDEX: Final = "search-index.js"
+SEARCH_PREFIX: Final = "window.OSTREL_SEARCH_INDEX = "
+MAX_SVG_BYTES: Final = 4 * 1024 * 1024
+_PLAIN_ID: Final = re.compile(r"[A-Za-z0-9][A-Za-z0-9._-]{0,120}")
+_SVG_NAME: Final = re.compile(r"[A-Za-z0-9][A-Za-z0-9._-]{0,120}\.svg")
+
+
+@functools.cache
+def _environment() -> jinja2.Environment:
+    loader = jinja2.PackageLoader(PACKAGE, "templates")
+    env = jinja2.Environment(loader=loader, autoescape=True, undefined=jinja2.StrictUndefined)
+    env.policies["json.dumps_kwargs"] = {"sort_keys": True, "ensure_ascii": True}
+    return env
+
+
+@functools.cache
+def fingerprint() -> str:
+    """A digest of the publisher itself: templates, assets and code. A
+    release that renders differently publishes everything again."""
+    parts: list[str] = []
+    base = resources.files(PACKAGE)
+    for sub in ("", "templates", "assets"):
+        folder = base.joinpath(sub) if sub else base
+        for entry in sorted(folder.iterdir(), key=lambda e: e.name):
+            if entry.is_file() and not entry.name.endswith(".pyc"):
+                parts.append(entry.name + ":" + digest(entry.read_bytes().hex()))
+    return digest(parts)
+
+
+def page_file(page_id: str) -> str:
+    """The file name of a page's HTML: its id when that is a plain name."""
+    if _PLAIN_ID.fullmatch(page_id) and not page_id.endswith(".svg"):
+        return f"{page_id}.html"
+    return f"p-{digest(page_id)[:16]}.html"
+
+
+@dataclasses.dataclass
+class SourceView:
+    path: str
+    ranges: set[tuple[int, int]] = dataclasses.field(default_factory=set)
+
+
+@dataclasses.dataclass
+class Branches:
+    """The branches of an all-branches site: this one and the others' directories."""
+
+    current: str
+    dirs: dict[str, str]  # branch -> directory under the site root
+
+
+class BranchSite:
+    """Publishes one branch's wiki into ``out`` (a ``SiteDir``) under ``prefix``."""
+
+    def __init__(self, data: SiteInput, out: SiteDir, prefix: str = "", branches: Branches | None = None) -> None:
+        self.data = data
+        self.out = out
+        self.prefix = prefix
+        self.branches = branches
+        self.by_id = {page.page_id: page for page in data.pages}
+        for page in data.pages:
+            for child in page.children:
+                if child in self.by_id and self.by_id[child].parent is None and child != page.page_id:
+                    self.by_id[child].parent = page.page_id
+        self.renderer = Renderer()
+        self.env = _environment()
+        self.cited = self._cited_blobs()
+
+    # ------------------------------------------------------------ inputs
+
+    def _cited_blobs(self) -> dict[str, str]:
+        """The blob id of every repository path some page cites."""
+        paths: set[str] = set()
+        for page in self.data.pages:
+            for cite in citations(page.body or ""):
+                rel = repo_path(cite.path)
+                if rel is not None:
+                    paths.add(rel)
+        if not paths:
+            return {}
+        ids = self.data.blob_ids(sorted(paths))
+        return {path: blob for path, blob in ids.items() if blob and self._inside(path)}
+
+    def _inside(self, rel: str) -> bool:
+        """The path, links followed, stays inside the repository."""
+        root = os.path.realpath(self.data.root)
+        return os.path.realpath(os.path.join(root, rel)).startswith(root + os.sep)
+
+    def _svgs(self, page: SitePage) -> dict[str, Path]:
+        """Diagrams the page's text names that lie beside the page bodies."""
+        found: dict[str, Path] = {}
+        for name in set(re.findall(r"[A-Za-z0-9][A-Za-z0-9._-]{0,120}\.svg", page.body or "")):
+            path = self.data.pages_dir / name
+            try:
+                if not path.is_symlink() and path.is_file() and path.stat().st_size <= MAX_SVG_BYTES:
+                    found[name] = path
+            except OSError:
+                continue
+        return found
+
+    def _page_key(self, page: SitePage, svgs: dict[str, Path]) -> str:
+        linked = [page.parent, *page.children, *page.related, *(e.other for e in page.history)]
+        titles = {p: self.by_id[p].title for p in linked if p and p in self.by_id}
+        blobs = {c.path: self.cited.get(repo_path(c.path) or "") for c in citations(page.body or "")}
+        diagrams = {name: digest(path.read_bytes().hex()) for name, path in svgs.items()}
+        ids = sorted(self.by_id) if "](" in (page.body or "") else []
+        return digest(
+            fingerprint(),
+            self.data.branch,
+            self._branch_links(),
+            dataclasses.asdict(page),
+            titles,
+            blobs,
+            diagrams,
+            ids,
+        )
+
+    def _branch_links(self) -> list[tuple[str, str]]:
+        if self.branches is None:
+            return []
+        return sorted(self.branches.dirs.items())
+
+    # ------------------------------------------------------------ output
+
+    def publish(self) -> None:
+        """Write the branch's site: changed pages, new source views, index, search index."""
+        search = self._previous_search()
+        entries: list[dict[str, Any]] = []
+        views: dict[str, SourceView] = {}
+        for page in self.data.pages:
+            svgs = self._svgs(page)
+            key = self._page_key(page, svgs)
+            rel = f"{self.prefix}pages/{page_file(page.page_id)}"
+            for cite in citations(page.body or ""):
+                path = repo_path(cite.path)
+                blob = self.cited.get(path or "")
+                if path and blob:
+                    view = views.setdefault(blob, SourceView(path))
+                    view.path = min(view.path, path)
+                    view.ranges.add((cite.start, cite.end))
+            entry = search.get(rel[len(self.prefix) :])
+            if self.out.unchanged(rel, key) and entry is not None and entry.get("k") == key:
+                entries.append(entry)
+                for name in svgs:
+                    self.out.new.setdefault(
+                        f"{self.prefix}pages/{name}", self.out.old.get(f"{self.prefix}pages/{name}", "")
+                    )
+                continue
+            html, entry = self._render_page(page, svgs, key)
+            self.out.write(rel, key, html)
+            for name, svg in svgs.items():
+                self.out.put(f"{self.prefix}pages/{name}", svg.read_bytes())
+            entries.append(entry)
+        for blob, view in views.items():
+            self._source_view(blob, view)
+        self.out.put(f"{self.prefix}{SEARCH_INDEX}", SEARCH_PREFIX + json.dumps({"pages": entries}) + ";\n")
+        self.out.put(f"{self.prefix}index.html", self._index())
+        self.out.put(f"{self.prefix}assets/site.css", _asset("site.css"))
+        self.out.put(f"{self.prefix}assets/site.js", _asset("site.js"))
+        self.out.put(f"{self.prefix}assets/pygments.css", highlight.stylesheet())
+
+    def _previous_search(self) -> dict[str, dict[str, Any]]:
+        """The last publish's search entries by page file, to keep those of unchanged pages."""
+        try:
+            text = (self.out.root / self.prefix / SEARCH_INDEX).read_text("utf-8")
+            data = json.loads(text[len(SEARCH_PREFIX) :].rstrip().rstrip(";"))
+            return {str(e["u"]): e for e in data["pages"] if isinstance(e, dict) and "u" in e}
+        except (OSError, ValueError, KeyError, TypeError):
+            return {}
+
+    def _common(self, root: str) -> dict[str, Any]:
+        others: list[tuple[str, str]] = []
+        if self.branches is not None:
+            others = [(b, f"{root}../{d}/index.html") for b, d in sorted(self.branches.dirs.items())]
+        return {"root": root, "branch": self.data.branch, "branches": others, "search": True}
+
+    def _render_page(self, page: SitePage, svgs: dict[str, Path], key: str) -> tuple[str, dict[str, Any]]:
+        own = page_file(page.page_id)
+
+        def cite(c: Citation) -> str | None:
+            blob = self.cited.get(repo_path(c.path) or "")
+            if blob is None:
+                return None
+            anchor = f"L{c.start}" if c.start == c.end else f"L{c.start}-L{c.end}"
+            return f"../src/{blob}.html#{anchor}"
+
+        def relative(href: str) -> str | None:
+            target, _, fragment = href.partition("#")
+            if not target:
+                return href if fragment in anchors else None
+            name = target.removeprefix("./")
+            if name in svgs:
+                return name
+            for suffix in (".md", ".html"):
+                name = name.removesuffix(suffix)
+            return page_file(name) if name in self.by_id else None
+
+        def image(src: str) -> str | None:
+            name = src.removeprefix("./")
+            return name if name in svgs else None
+
+        changed = {f for kind in ("modified", "removed", "added") for f in page.changed_files.get(kind, [])}
+        anchors: set[str] = set()
+        rendered = None
+        if page.body is not None:
+            rendered = self.renderer.render(page.body, Links(cite, relative, image), page.stale_sections, changed)
+            anchors.update(a for _, _, a in rendered.headings)
+        files = [(f, self._file_href(f)) for f in page.source_files]
+        html = self.env.get_template("page.html").render(
+            **self._common("../"),
+            page=page,
+            body=Markup(rendered.html) if rendered else None,
+            headings=[h for h in rendered.headings if h[0] <= 3] if rendered else [],
+            parent=self.by_id.get(page.parent or ""),
+            children=[self.by_id[c] for c in page.children if c in self.by_id],
+            related=[self.by_id[r] for r in page.related if r in self.by_id],
+            files=files,
+            history=page.history,
+            by_id=self.by_id,
+            page_file=page_file,
+        )
+        sections = [[s.heading, s.anchor, s.symbols, " ".join(s.words)] for s in rendered.sections] if rendered else []
+        entry = {
+            "u": f"pages/{own}",
+            "t": page.title,
+            "d": page.description,
+            "i": page.page_id,
+            "s": sections,
+            "k": key,
+        }
+        return html, entry
+
+    def _file_href(self, path: str) -> str | None:
+        blob = self.cited.get(path)
+        return f"../src/{blob}.html" if blob else None
+
+    def _source_view(self, blob: str, view: SourceView) -> None:
+        rel = f"{self.prefix}src/{blob}.html"
+        ranges = sorted(view.ranges)
+        key = digest(fingerprint(), self._branch_links(), view.path, ranges)
+        if self.out.unchanged(rel, key):
+            return
+        data = self.data.read(view.path)
+        lines = None if data is None else highlight.source_lines(view.path, data)
+        starts: dict[int, list[tuple[int, int]]] = {}
+        for start, end in ranges:
+            if start != end and lines is not None and 1 <= start <= len(lines):
+                starts.setdefault(start, []).append((start, min(end, len(lines))))
+        # Each range has an anchor before its first line; a line's place among
+        # the code's children counts the anchors up to it (the CSS highlight).
+        before: list[int] = [0]
+        for number in range(1, len(lines or []) + 1):
+            before.append(before[-1] + len(starts.get(number, ())))
+        rows: list[str] = []
+        marks: list[str] = []
+        for number, line in enumerate(lines or [], start=1):
+            for start, end in starts.get(number, []):
+                rows.append(f'<span class="range" id="L{start}-L{end}"></span>')
+                marks.append(f"#L{start}-L{end}:target ~ .line:nth-child(-n+{end + before[end]})")
+            rows.append(f'<span class="line" id="L{number}"><a class="n" href="#L{number}">{number}</a>{line}\n</span>')
+        html = self.env.get_template("source.html").render(
+            **self._common("../"),
+            path=view.path,
+            blob=blob,
+            code=Markup("".join(rows)) if lines is not None else None,
+            marks=Markup(",\n".join(marks)),
+            line_count=len(lines or []),
+        )
+        self.out.write(rel, key, html)
+
+    def _index(self) -> str:
+        top = [p for p in self.data.pages if p.parent is None]
+        return self.env.get_template("index.html").render(
+            **self._common(""),
+            commit=self.data.commit,
+            top=top,
+            parts=lambda page: [self.by_id[c] for c in page.children if c in self.by_id],
+            page_file=page_file,
+            pages=len(self.data.pages),
+            written=sum(1 for p in self.data.pages if p.written),
+            stale=sum(1 for p in self.data.pages if p.written and (p.to_write or p.stale_sections)),
+        )
+
+
+def _asset(name: str) -> bytes:
+    return resources.files(PACKAGE).joinpath("assets", name).read_bytes()
+
+
+def branch_dir(branch: str, taken: Iterable[str] = ()) -> str:
+    """A directory name for a branch: its name with "/" and odd characters made plain."""
+    base = re.sub(r"[^A-Za-z0-9._-]", "_", branch.replace("/", "__")).lstrip(".") or "branch"
+    name, n = base, 1
+    while name in set(taken):
+        n += 1
+        name = f"{base}-{n}"
+    return name
+
+
+def branch_list(dirs: dict[str, str]) -> str:
+    """The top page of an all-branches site."""
+    return (
+        _environment()
+        .get_template("branches.html")
+        .render(
+            root="",
+            branch="all branches",
+            branches=[(b, f"{d}/index.html") for b, d in sorted(dirs.items())],
+            search=False,
+        )
+    )
