@@ -1,20 +1,25 @@
-"""A tour of ``ostrel-wiki`` on a small sample repository.
+"""A tour of ``ostrel-wiki``, ending with a published wiki of this checkout.
 
-Builds a git repository in a temporary directory, then runs the tool step by
-step: the first plan, saving a page's prose, changing the code, planning
-again (ids stay put; the changes become amendments), the status with its
-stale section, the plan log, and a moved package whose page keeps its id and
-its text.
+First a small sample repository in a temporary directory, step by step: the
+first plan, saving a page's prose, changing the code, planning again (ids
+stay put; the changes become amendments), the status with its stale section,
+the plan log, and a moved package whose page keeps its id and its text.
+
+Then the wiki of this project's own checkout, kept under build/demo/: planned,
+its pages written, and published as a static site; the demo ends with the
+site's file:// address and the command that serves it.
 """
 
 from __future__ import annotations
 
+import ast
 import os
 import shlex
 import subprocess
 import sys
 import tempfile
 import time
+import warnings
 from pathlib import Path
 
 GIT_ENV = {
@@ -107,12 +112,84 @@ def heading(text: str) -> None:
     print(f"\n=== {text} " + "=" * max(0, 72 - len(text)), flush=True)
 
 
-def wiki(repo: Path, *args: str) -> None:
+def wiki(repo: Path, *args: str, quiet: bool = False) -> None:
     print(f"$ ostrel-wiki {shlex.join(args)}", flush=True)
     command = [sys.executable, "-m", "malde_ostrel.workers.wiki", "--repo", str(repo), *args]
-    done = subprocess.run(command, cwd=repo, env=ENV, check=False)
+    done = subprocess.run(command, cwd=repo, env=ENV, check=False, stdout=subprocess.DEVNULL if quiet else None)
     if done.returncode != 0:
         raise SystemExit(f"demo: ostrel-wiki {shlex.join(args)} exited with {done.returncode}")
+
+
+def definitions(text: str) -> list[tuple[str, int, int]]:
+    """(name, first line, last line) of a Python file's top-level definitions."""
+    try:
+        with warnings.catch_warnings():
+            warnings.simplefilter("ignore", SyntaxWarning)  # another project's odd escapes
+            tree = ast.parse(text)
+    except (SyntaxError, ValueError):
+        return []
+    kinds = (ast.FunctionDef, ast.AsyncFunctionDef, ast.ClassDef)
+    return [(n.name, n.lineno, n.end_lineno or n.lineno) for n in tree.body if isinstance(n, kinds)]
+
+
+def placeholder_text(title: str, files: list[str], repo: Path, parts: list[str], sections: int = 3) -> str:
+    """A generated page text: a section per few files, citing their definitions
+    (or their first lines), and links to the page's parts."""
+    cites: list[str] = []
+    for path in files:
+        try:
+            text = (repo / path).read_text("utf-8")
+        except (OSError, UnicodeDecodeError):
+            continue
+        found = definitions(text) if path.endswith(".py") else []
+        if not found:
+            found = [(Path(path).name, 1, max(1, min(text.count("\n"), 20)))]
+        cites.extend(f"[[{path}:{a}-{b}|{name}]]" for name, a, b in found[:4])
+        if len(cites) >= sections * 4:
+            break
+    out = [f"# {title}\n\n", f"This page covers {len(files)} file(s).\n"]
+    for n in range(sections):
+        chunk = cites[n * 4 : (n + 1) * 4]
+        if n and not chunk:
+            break
+        out.append(f"\n## Part {n + 1}\n\nThe code here works through {', '.join(chunk) or 'plain text'}.\n")
+    if parts:
+        out.append("\n## Parts\n\n" + "".join(f"- [{p}]({p}.md)\n" for p in parts))
+    return "".join(out)
+
+
+def tool_has(command: str) -> bool:
+    from malde_ostrel.workers.wiki.tool import cli
+
+    return command in cli.COMMANDS
+
+
+def own_wiki(root: Path) -> None:
+    """Plan, write and publish the wiki of this checkout, its state under build/demo/."""
+    state = root / "build" / "demo"
+    site = state / "site"
+    where = ["--store", str(state / "store.sqlite3"), "--wiki-dir", str(state / "wiki")]
+    heading("8. this checkout's own wiki: plan, write, publish")
+    wiki(root, *where, "plan", quiet=True)
+    if tool_has("build"):
+        wiki(root, *where, "build")
+    else:
+        # Until `ostrel-wiki build` writes the pages, texts generated from
+        # each page's files stand in for them, saved through `save`.
+        print("(`ostrel-wiki build` is not in this release: saving generated stand-in texts)")
+        from malde_ostrel.workers.wiki.tool.wiki import Wiki
+
+        with Wiki.open(root, store=state / "store.sqlite3", wiki_dir=state / "wiki") as own:
+            written = {p.page_id for p in own.status().pages if p.written}
+            for page in own.plan().pages:
+                if page.page_id not in written:
+                    own.save(page.page_id, placeholder_text(page.title, page.source_files, root, page.children))
+    wiki(root, *where, "publish", str(site))
+    heading("done")
+    print(f"the wiki of this checkout: {(site / 'index.html').as_uri()}")
+    tool = Path(sys.executable).parent / "ostrel-wiki"
+    serve = [str(tool) if tool.exists() else "ostrel-wiki", "--repo", str(root), *where, "serve", str(site)]
+    print(f"serve it (127.0.0.1, published again as the wiki changes): {shlex.join(serve)}")
 
 
 def main() -> None:
@@ -162,10 +239,9 @@ def main() -> None:
         wiki(repo, "plan")
         wiki(repo, "history", "module-kettle")
 
-    heading("done")
+    own_wiki(Path(__file__).resolve().parent.parent)
     print(f"the tour took {time.monotonic() - started:.1f} s")
     print("run on your own repository: ostrel-wiki --repo PATH plan")
-    print("(or: python -m malde_ostrel.workers.wiki --repo PATH plan)")
 
 
 if __name__ == "__main__":

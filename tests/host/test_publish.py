@@ -3,6 +3,7 @@ and the site in a real browser (links, search, hostile text, screenshots)."""
 
 from __future__ import annotations
 
+import html
 import json
 import os
 import re
@@ -15,7 +16,7 @@ from typing import Any
 
 import pytest
 
-from malde_ostrel.workers.wiki.tool.publish import publish
+from malde_ostrel.workers.wiki.tool.publish import highlight, publish, render
 from malde_ostrel.workers.wiki.tool.publish.output import MANIFEST
 from malde_ostrel.workers.wiki.tool.reports import WikiError
 from malde_ostrel.workers.wiki.tool.serve import Server
@@ -41,6 +42,41 @@ Files come in through [[app/core.py:1-2|load]]; see [the store](#storing) and [t
 [[app/core.py:5-7|Store]] keeps them; <b onclick="window.__pwned='b'">bold</b>.
 """
 OVERVIEW = "# Overview\n\nThe app loads files [[app/core.py:1-2|load]] and runs [[main.py:1]].\n\n![diagram](architecture.svg)\n"
+
+
+@pytest.mark.parametrize(
+    ("url", "allowed"),
+    [("https://x.org/a", True), ("mailto:a@b.c", True), ("page.html#s", True), ("#s", True),
+     ("javascript:alert(1)", False), (" JavaScript:alert(1)", False), ("data:text/html,x", False),
+     ("vbscript:x", False), ("file:///etc/passwd", False), ("//evil.example/x", False)],
+)  # fmt: skip
+def test_link_schemes_by_allow_list(url: str, allowed: bool) -> None:
+    assert render.safe_scheme(url) is allowed
+
+
+@pytest.mark.parametrize(
+    ("raw", "rel"),
+    [("a/b.py", "a/b.py"), ("./a/b.py", "a/b.py"), ("/etc/passwd", None), ("../x.py", None),
+     ("a/../../x.py", None), ("a/../b.py", None), ("C:/x.py", None), ("\\\\host\\x", None)],
+)  # fmt: skip
+def test_citation_paths_outside_the_repository_are_refused(raw: str, rel: str | None) -> None:
+    assert render.repo_path(raw) == rel
+
+
+@pytest.mark.parametrize(
+    ("name", "text"),
+    [("a.py", 'def f():\n    """two\n    lines"""\n    return "<&>"\n'),
+     ("a.c", "/* a\n comment */\nint x = 1; // <b>\n"),
+     ("a.toml", 'k = "v"\n[t]\n'), ("README", "plain <text>\nno newline at end")],
+)  # fmt: skip
+def test_source_lines_keep_every_line_and_its_text(name: str, text: str) -> None:
+    lines = highlight.source_lines(name, text.encode())
+    assert lines is not None and len(lines) == len(text.rstrip("\n").split("\n"))
+    shown = [html.unescape(re.sub(r"<[^>]*>", "", line)) for line in lines]
+    assert shown == text.rstrip("\n").split("\n")
+    for line in lines:  # every line closes what it opens
+        assert line.count("<span") == line.count("</span>")
+    assert highlight.source_lines("x.bin", b"\0\1\2") is None
 
 
 def sample(tmp_path: Path) -> Path:

@@ -22,9 +22,9 @@ MANIFEST_VERSION: Final = 1
 
 
 def digest(*parts: Any) -> str:
-    """A short digest of JSON-able parts."""
-    text = json.dumps(parts, sort_keys=True, ensure_ascii=False, default=str, separators=(",", ":"))
-    return hashlib.sha256(text.encode("utf-8", "surrogatepass")).hexdigest()[:32]
+    """A short digest of parts made of str, int, bool, None, lists, tuples and
+    dicts (their repr: dicts in insertion order, as the inputs build them)."""
+    return hashlib.sha256(repr(parts).encode("utf-8", "surrogatepass")).hexdigest()[:32]
 
 
 class SiteDir:
@@ -52,7 +52,7 @@ class SiteDir:
 
     def unchanged(self, rel: str, key: str) -> bool:
         """True (and the file kept) when ``rel`` was made from ``key`` and is still there."""
-        if self.old.get(rel) == key and (self.root / rel).is_file():
+        if self.old.get(rel) == key and os.path.isfile(os.path.join(self.root, rel)):
             self.new[rel] = key
             return True
         return False

@@ -11,6 +11,7 @@ outside it. Every attribute goes through markdown-it's escaping.
 from __future__ import annotations
 
 import dataclasses
+import functools
 import itertools
 import re
 from collections.abc import Callable, Mapping, Sequence
@@ -44,6 +45,7 @@ def safe_scheme(url: str) -> bool:
     return text.lower().startswith(ALLOWED_SCHEMES)
 
 
+@functools.lru_cache(maxsize=65536)
 def repo_path(raw: str) -> str | None:
     """The repository path a citation names, None when it is absolute or leads outside."""
     if raw.startswith(("/", "\\")) or re.match(r"^[A-Za-z]:", raw):

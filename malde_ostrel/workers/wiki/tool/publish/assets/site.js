@@ -33,10 +33,10 @@
     var hits = [];
     index.pages.forEach(function (page) {
       var title = (page.t + " " + page.i).toLowerCase();
-      var best = null;
       var score = 0;
       words.forEach(function (w) { if (title.indexOf(w) >= 0) score += 10; });
-      if (score) best = [score, page, null, "title"];
+      var best = score ? [score, page, null, "title"] : null;
+      // A matching section adds to the title's score, and the hit links to it.
       page.s.forEach(function (s) {
         var sc = 0, why = "text";
         words.forEach(function (w) {
@@ -45,7 +45,7 @@
           else if (s[0].toLowerCase().indexOf(w) >= 0) sc += 4;
           else if ((" " + s[3] + " ").indexOf(" " + w) >= 0) sc += 1;
         });
-        if (sc && (!best || sc > best[0])) best = [sc, page, s, why];
+        if (sc && (!best || score + sc > best[0])) best = [score + sc, page, s, why];
       });
       if (best) hits.push(best);
     });
