@@ -345,22 +345,31 @@ class PageMaker:
     def source(self, blob: str, path: str, ranges: list[tuple[int, int]], data: bytes | None) -> str:
         """A source view's HTML: the file's lines, an anchor per cited range."""
         lines = None if data is None else highlight.source_lines(path, data)
+        count = len(lines or [])
         starts: dict[int, list[tuple[int, int]]] = {}
         for start, end in ranges:
-            if start != end and lines is not None and 1 <= start <= len(lines):
-                starts.setdefault(start, []).append((start, min(end, len(lines))))
+            if start < end and 1 <= start <= count:
+                starts.setdefault(start, []).append((start, end))
         # Each range has an anchor before its first line; a line's place among
         # the code's children counts the anchors up to it (the CSS highlight).
         before: list[int] = [0]
-        for number in range(1, len(lines or []) + 1):
+        for number in range(1, count + 1):
             before.append(before[-1] + len(starts.get(number, ())))
         rows: list[str] = []
         marks: list[str] = []
         for number, line in enumerate(lines or [], start=1):
             for start, end in starts.get(number, []):
+                last = min(end, count)
                 rows.append(f'<span class="range" id="L{start}-L{end}"></span>')
-                marks.append(f"#L{start}-L{end}:target ~ .line:nth-child(-n+{end + before[end]})")
+                marks.append(f"#L{start}-L{end}:target ~ .line:nth-child(-n+{last + before[last]})")
             rows.append(f'<span class="line" id="L{number}"><a class="n" href="#L{number}">{number}</a>{line}\n</span>')
+        # Citations past the end of the file (or backwards, or of a file not
+        # shown) still land: on an anchor after the code.
+        made = {f"L{start}-L{end}" for found in starts.values() for start, end in found}
+        ends = sorted(
+            {anchor for s, e in ranges if (anchor := f"L{s}" if s == e else f"L{s}-L{e}") not in made}
+            - {f"L{n}" for n in range(1, count + 1)}
+        )
         return (
             _environment()
             .get_template("source.html")
@@ -370,6 +379,7 @@ class PageMaker:
                 blob=blob,
                 code=Markup("".join(rows)) if lines is not None else None,
                 marks=Markup(",\n".join(marks)),
+                ends=ends,
                 line_count=len(lines or []),
             )
         )
