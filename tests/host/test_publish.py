@@ -167,6 +167,58 @@ def test_publishing_again_writes_only_what_changed(repo: Path, tmp_path: Path) -
     assert {page["i"] for page in index["pages"]} >= {"module-app", "overview"}
 
 
+def test_search_index_holds_titles_sections_symbols_and_words(repo: Path, tmp_path: Path) -> None:
+    site = tmp_path / "site"
+    site_of(repo, site)
+    text = (site / "search-index.js").read_text()
+    assert text.startswith("window.OSTREL_SEARCH_INDEX = ")
+    pages = {p["i"]: p for p in json.loads(text.split("=", 1)[1].rstrip().rstrip(";"))["pages"]}
+    storing = next(s for s in pages["module-app"]["s"] if s[0] == "Storing")
+    assert storing[1] == "storing" and storing[2] == ["Store"] and "keeps" in storing[3].split()
+    assert pages["module-app"]["u"] == "pages/module-app.html" and pages["overview"]["t"] == "Overview"
+
+
+def test_a_page_that_leaves_the_plan_leaves_the_site(repo: Path, tmp_path: Path) -> None:
+    site = tmp_path / "site"
+    site_of(repo, site)
+    change(repo, drop=("app",))
+    with Wiki.open(repo) as wiki:
+        wiki.plan()
+        report = publish(wiki, site)
+    assert "pages/module-app.html" in report.removed and not (site / "pages/module-app.html").exists()
+    assert "module-app" not in (site / "search-index.js").read_text()
+    assert "module-app.html" not in (site / "index.html").read_text()
+
+
+def test_unwritten_pages_say_so_and_history_shows_the_moves(repo: Path, tmp_path: Path) -> None:
+    change(repo, add={"lib/x.py": "X = 2\n"}, move={"app/core.py": "lib/core.py", "app/util.py": "lib/util.py"})
+    with Wiki.open(repo) as wiki:
+        wiki.plan()
+    site = tmp_path / "site"
+    site_of(repo, site)
+    index = (site / "index.html").read_text()
+    assert "not written" in index and "stale" in index
+    moved = (site / "pages/module-app.html").read_text()
+    assert "<strong>rename</strong> 2 file(s) renamed or moved" in moved[moved.index('id="history"') :]
+    assert "has not been written yet" in (site / "pages/module-additional.html").read_text()
+
+
+def test_cli_prints_the_address_and_refuses_in_one_line(repo: Path, tmp_path: Path) -> None:
+    import subprocess
+    import sys
+
+    from .gitrepo import ENV
+
+    site = tmp_path / "site"
+    tool = [sys.executable, "-m", "malde_ostrel.workers.wiki", "--repo", str(repo)]
+    done = subprocess.run([*tool, "publish", str(site)], env=ENV, capture_output=True, text=True, check=False)
+    assert done.returncode == 0, done.stderr
+    assert done.stdout.splitlines()[-1] == (site / "index.html").resolve().as_uri()
+    refused = subprocess.run([*tool, "publish", str(repo)], env=ENV, capture_output=True, text=True, check=False)
+    assert refused.returncode == 1 and refused.stdout == ""
+    assert refused.stderr.count("\n") == 1 and "not empty and holds no published wiki" in refused.stderr
+
+
 def test_a_directory_not_made_by_publish_is_refused_and_a_failed_run_is_taken_back(
     repo: Path, tmp_path: Path, monkeypatch: pytest.MonkeyPatch
 ) -> None:
