@@ -157,6 +157,10 @@ def test_publishing_again_writes_only_what_changed(repo: Path, tmp_path: Path) -
     first = site_of(repo, site)
     assert "pages/module-app.html" in first and MANIFEST not in first
     assert site_of(repo, site) == []
+    inside = repo / "site"  # published inside the work tree: not planned as code
+    site_of(repo, inside)
+    with Wiki.open(repo) as wiki:
+        assert not any(f.startswith("site/") for p in wiki.plan().pages for f in p.source_files)
     with Wiki.open(repo) as wiki:
         wiki.save("overview", OVERVIEW + "\nAnd [[app/util.py:1|X]].\n")
     again = site_of(repo, site)

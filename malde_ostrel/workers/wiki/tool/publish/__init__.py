@@ -25,6 +25,8 @@ def publish(wiki: Wiki, out: Path, *, all_branches: bool = False) -> PublishRepo
     started = time.monotonic()
     site = SiteDir(out)
     try:
+        # A site published inside a work tree stays out of git's listing, and so out of the plan.
+        site.put(".gitignore", "# written by ostrel-wiki publish\n*\n")
         published, pages = _publish(wiki, site, all_branches)
     except BaseException:
         if site.written:
