@@ -588,6 +588,7 @@ class Wiki:
 
         snap = self._snapshot()
         runs = _runs_by_page(read_runs(self.log_path)[0])
+        pages_dir = str(self.pages_dir)
         with self._session(write=False) as db:
             derived, steering = self._derive(snap, db)
             gen = self._generator(db, snap, steering)
@@ -606,7 +607,7 @@ class Wiki:
                         list(plan.source_files),
                         written,
                         plan.page_id in stale,
-                        carry.read_body(self.pages_dir / f"{plan.page_id}.md") if written else None,
+                        _read_text(os.path.join(pages_dir, f"{plan.page_id}.md")) if written else None,
                         changes.get("changed_files", {}),
                         list(changes.get("stale_sections", [])),
                         page_history(runs.get(plan.page_id, []), plan.page_id),
@@ -637,6 +638,15 @@ def _page_states(gen: WikiGenerator, plans: list[PagePlan]) -> Iterator[tuple[Pa
         row = gen._existing.get(plan.page_id)
         written = bool(row and row.get("content_hash"))
         yield plan, written, gen._page_changes(plan, row) if written else {}
+
+
+def _read_text(path: str) -> str | None:
+    """A page body as ``carry.read_body`` reads it, without building a ``Path`` per page."""
+    try:
+        with open(path, "rb") as file:
+            return file.read().decode("utf-8", "surrogateescape")
+    except FileNotFoundError:
+        return None
 
 
 def _runs_by_page(runs: list[dict[str, Any]]) -> dict[str, list[dict[str, Any]]]:

@@ -11,13 +11,11 @@ from __future__ import annotations
 import functools
 import posixpath
 from html import escape
-from typing import Final
+from typing import TYPE_CHECKING, Final
 
-from pygments import highlight as _pygmentize
-from pygments.formatters.html import HtmlFormatter
-from pygments.lexer import Lexer
-from pygments.lexers import find_lexer_class_for_filename, get_lexer_by_name
-from pygments.util import ClassNotFound
+if TYPE_CHECKING:  # Pygments loads when a file is coloured, not for a publish that colours none
+    from pygments.formatters.html import HtmlFormatter
+    from pygments.lexer import Lexer
 
 # Files past this size are shown plain: colouring them costs more than it gives.
 MAX_COLOURED_BYTES: Final = 256 * 1024
@@ -28,13 +26,27 @@ MAX_SHOWN_BYTES: Final = 8 * 1024 * 1024
 LIGHT_STYLE: Final = "default"
 DARK_STYLE: Final = "monokai"
 
-_FORMATTER: Final = HtmlFormatter(nowrap=True)
+
+@functools.cache
+def _formatter() -> HtmlFormatter[str]:
+    from pygments.formatters.html import HtmlFormatter
+
+    return HtmlFormatter(nowrap=True)
+
+
+def _pygmentize(code: str, lexer: Lexer) -> str:
+    from pygments import highlight
+
+    return str(highlight(code, lexer, _formatter()))
 
 
 @functools.lru_cache(maxsize=256)
 def _lexer_for(name: str) -> Lexer | None:
     """The lexer for a file name (cached by its suffix, or by the whole name
     when it has none, as ``Makefile``)."""
+    from pygments.lexers import find_lexer_class_for_filename
+    from pygments.util import ClassNotFound
+
     try:
         cls = find_lexer_class_for_filename(name)
     except ClassNotFound:
@@ -157,7 +169,7 @@ def source_lines(path: str, data: bytes) -> list[str] | None:
     lexer = _lexer_for(("x" + suffix) if suffix else base) if len(data) <= MAX_COLOURED_BYTES else None
     if lexer is None:
         return [escape(line) for line in lines]
-    coloured = _pygmentize(text, lexer, _FORMATTER).split("\n")
+    coloured = _pygmentize(text, lexer).split("\n")
     if len(coloured) < len(lines):  # a lexer that lost a line: show the text plain
         return [escape(line) for line in lines]
     return coloured[: len(lines)]
@@ -165,6 +177,9 @@ def source_lines(path: str, data: bytes) -> list[str] | None:
 
 @functools.lru_cache(maxsize=64)
 def _lexer_named(name: str) -> Lexer | None:
+    from pygments.lexers import get_lexer_by_name
+    from pygments.util import ClassNotFound
+
     try:
         return get_lexer_by_name(name, stripnl=False, ensurenl=False)
     except ClassNotFound:
@@ -176,11 +191,13 @@ def fence(code: str, lang: str) -> str:
     lexer = _lexer_named(lang.split()[0].lower()) if lang.strip() else None
     if lexer is None or len(code) > MAX_COLOURED_BYTES:
         return ""
-    return f'<pre class="code"><code>{_pygmentize(code, lexer, _FORMATTER)}</code></pre>\n'
+    return f'<pre class="code"><code>{_pygmentize(code, lexer)}</code></pre>\n'
 
 
 def stylesheet() -> str:
     """The colours of both schemes, dark by the reader's preference."""
+    from pygments.formatters.html import HtmlFormatter
+
     light = HtmlFormatter(style=LIGHT_STYLE).get_style_defs(".code")  # type: ignore[no-untyped-call]
     dark = HtmlFormatter(style=DARK_STYLE).get_style_defs(".code")  # type: ignore[no-untyped-call]
     return f"{light}\n@media (prefers-color-scheme: dark) {{\n{dark}\n}}\n"

@@ -16,16 +16,16 @@ import itertools
 import re
 from collections.abc import Callable, Mapping, Sequence
 from html import escape
-from typing import Any, Final
-
-from markdown_it import MarkdownIt
-from markdown_it.renderer import RendererHTML
-from markdown_it.rules_inline import StateInline
-from markdown_it.token import Token
-from markdown_it.utils import EnvType, OptionsDict
+from typing import TYPE_CHECKING, Any, Final
 
 from malde_ostrel.workers.wiki.repo_facts import _norm
 from malde_ostrel.workers.wiki.tool import planner
+
+if TYPE_CHECKING:  # the parser loads when a page is rendered, not for a publish that renders none
+    from markdown_it.renderer import RendererHTML
+    from markdown_it.rules_inline import StateInline
+    from markdown_it.token import Token
+    from markdown_it.utils import EnvType, OptionsDict
 
 ALLOWED_SCHEMES: Final = ("http:", "https:", "mailto:")
 _SCHEME_RE: Final = re.compile(r"^[A-Za-z][A-Za-z0-9+.\-]*:")
@@ -147,6 +147,8 @@ class Renderer:
     """One parser, configured once, for every page of a publish."""
 
     def __init__(self) -> None:
+        from markdown_it import MarkdownIt
+
         md = MarkdownIt("commonmark", {"html": False, "linkify": False, "typographer": False})
         md.options["highlight"] = _highlight_fence
         md.enable("table")

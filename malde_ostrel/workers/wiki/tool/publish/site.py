@@ -131,6 +131,8 @@ class BranchSite:
     def _svgs(self, page: SitePage) -> dict[str, Path]:
         """Diagrams the page's text names that lie beside the page bodies."""
         found: dict[str, Path] = {}
+        if ".svg" not in (page.body or ""):
+            return found
         for name in set(_SVG_NAME.findall(page.body or "")):
             path = self.data.pages_dir / name
             try:
@@ -192,7 +194,9 @@ class BranchSite:
         self.out.put(f"{self.prefix}index.html", self._index())
         self.out.put(f"{self.prefix}assets/site.css", _asset("site.css"))
         self.out.put(f"{self.prefix}assets/site.js", _asset("site.js"))
-        self.out.put(f"{self.prefix}assets/pygments.css", highlight.stylesheet())
+        colours = f"{self.prefix}assets/pygments.css"
+        if not self.out.unchanged(colours, fingerprint()):
+            self.out.write(colours, fingerprint(), highlight.stylesheet())
 
     def _views(self) -> dict[str, SourceView]:
         """The source view of each cited file content, with the ranges cited in it."""
