@@ -75,7 +75,9 @@ class SiteDir:
 
     def put(self, rel: str, data: bytes | str) -> None:
         """Write ``rel`` unless the same content is there already."""
-        key = digest(data if isinstance(data, str) else data.hex())
+        if isinstance(data, str):
+            data = data.encode("utf-8", "surrogatepass")
+        key = hashlib.sha256(data).hexdigest()[:32]
         if not self.unchanged(rel, key):
             self.write(rel, key, data)
 

@@ -18,6 +18,7 @@ from __future__ import annotations
 import concurrent.futures
 import dataclasses
 import functools
+import hashlib
 import json
 import multiprocessing
 import os
@@ -153,6 +154,7 @@ class BranchSite:
             self.data.branch,
             self._branch_links(),
             [getattr(page, field.name) for field in PAGE_FIELDS],
+            None if page.body is None else hashlib.sha256(page.body.encode("utf-8", "surrogateescape")).hexdigest(),
             [vars(event) for event in page.history],
             titles,
             blobs,
@@ -440,8 +442,9 @@ class Workers:
             self._pool.shutdown(cancel_futures=True)
 
 
-# What a page's HTML is made from, its history aside (records, not plain data).
-PAGE_FIELDS: Final = tuple(f for f in dataclasses.fields(SitePage) if f.name != "history")
+# What a page's HTML is made from, its text and history aside (the text is
+# hashed as bytes, the history's records as their fields).
+PAGE_FIELDS: Final = tuple(f for f in dataclasses.fields(SitePage) if f.name not in ("body", "history"))
 
 
 def _inside(root: str, rel: str) -> bool:
