@@ -1,10 +1,13 @@
-"""A tour of ``ostrel-wiki`` on a small sample repository.
+"""A tour of ``ostrel-wiki``, ending with a published wiki of this checkout.
 
-Builds a git repository in a temporary directory, then runs the tool step by
-step: the first plan, saving a page's prose, changing the code, planning
-again (ids stay put; the changes become amendments), the status with its
-stale section, the plan log, and a moved package whose page keeps its id and
-its text.
+First a small sample repository in a temporary directory, step by step: the
+first plan, saving a page's prose, changing the code, planning again (ids
+stay put; the changes become amendments), the status with its stale section,
+the plan log, and a moved package whose page keeps its id and its text.
+
+Then the wiki of this project's own checkout, kept under build/demo/: planned,
+its pages written, and published as a static site; the demo ends with the
+site's file:// address and the command that serves it.
 """
 
 from __future__ import annotations
@@ -107,12 +110,28 @@ def heading(text: str) -> None:
     print(f"\n=== {text} " + "=" * max(0, 72 - len(text)), flush=True)
 
 
-def wiki(repo: Path, *args: str) -> None:
+def wiki(repo: Path, *args: str, quiet: bool = False) -> None:
     print(f"$ ostrel-wiki {shlex.join(args)}", flush=True)
     command = [sys.executable, "-m", "malde_ostrel.workers.wiki", "--repo", str(repo), *args]
-    done = subprocess.run(command, cwd=repo, env=ENV, check=False)
+    done = subprocess.run(command, cwd=repo, env=ENV, check=False, stdout=subprocess.DEVNULL if quiet else None)
     if done.returncode != 0:
         raise SystemExit(f"demo: ostrel-wiki {shlex.join(args)} exited with {done.returncode}")
+
+
+def own_wiki(root: Path) -> None:
+    """Plan, write and publish the wiki of this checkout, its state under build/demo/."""
+    state = root / "build" / "demo"
+    site = state / "site"
+    where = ["--store", str(state / "store.sqlite3"), "--wiki-dir", str(state / "wiki")]
+    heading("9. this checkout's own wiki: plan, write, publish")
+    wiki(root, *where, "plan", quiet=True)
+    wiki(root, *where, "build")
+    wiki(root, *where, "publish", str(site))
+    heading("done")
+    print(f"the wiki of this checkout: {(site / 'index.html').as_uri()}")
+    tool = Path(sys.executable).parent / "ostrel-wiki"
+    serve = [str(tool) if tool.exists() else "ostrel-wiki", "--repo", str(root), *where, "serve", str(site)]
+    print(f"serve it (127.0.0.1, published again as the wiki changes): {shlex.join(serve)}")
 
 
 def main() -> None:
@@ -166,10 +185,9 @@ def main() -> None:
         wiki(repo, "build")
         wiki(repo, "status")
 
-    heading("done")
+    own_wiki(Path(__file__).resolve().parent.parent)
     print(f"the tour took {time.monotonic() - started:.1f} s")
     print("run on your own repository: ostrel-wiki --repo PATH plan")
-    print("(or: python -m malde_ostrel.workers.wiki --repo PATH plan)")
 
 
 if __name__ == "__main__":

@@ -349,12 +349,12 @@ def test_a_build_stopped_half_way_is_finished_by_the_next(repo: Path, monkeypatc
     real = build._Saver.save_page
     calls = 0
 
-    def stop_on_second(self: Any, *args: Any) -> Any:
+    def stop_on_second(self: Any, *args: Any, **kwargs: Any) -> Any:
         nonlocal calls
         calls += 1
         if calls == 2:
             raise KeyboardInterrupt
-        return real(self, *args)
+        return real(self, *args, **kwargs)
 
     monkeypatch.setattr(build._Saver, "save_page", stop_on_second)
     with pytest.raises(KeyboardInterrupt):

@@ -30,10 +30,11 @@ from functools import partial
 from typing import TYPE_CHECKING, Any, Final
 
 from malde_ostrel.workers.wiki.orchestrator import WikiGenerator
-from malde_ostrel.workers.wiki.tool import carry, citecheck, external, graph, marks, planner, writer
+from malde_ostrel.workers.wiki.tool import citecheck, external, graph, marks, planner, writer
 from malde_ostrel.workers.wiki.tool.facts import FactsCache, FileFacts, gather
 from malde_ostrel.workers.wiki.tool.journal import Journal, new_run_id
 from malde_ostrel.workers.wiki.tool.reports import Record, WikiError
+from malde_ostrel.workers.wiki.tool.revisions import read_body
 from malde_ostrel.workers.wiki.tool.store import Repository
 from malde_ostrel.workers.wiki.types import PagePlan
 from malde_ostrel.workers.wiki.verify import prose_citations
@@ -237,7 +238,7 @@ def _read(wiki: Wiki, gen: WikiGenerator, plan: PagePlan, archive: list[dict[str
         for e in archive
         if e["open"] and e["carried_to"] == plan.page_id
     ]
-    body = carry.read_body(wiki.pages_dir / f"{plan.page_id}.md")
+    body = read_body(wiki.pages_dir / f"{plan.page_id}.md")
     return _Page(plan, row, body, changes, drafts)
 
 
@@ -460,7 +461,7 @@ def _save(
                     if now is None:
                         failed.append({"page_id": page_id, "reason": f"not of record yet; run `{PROG} plan` first"})
                         continue
-                    if not _unchanged(page, now, carry.read_body(wiki.pages_dir / f"{page_id}.md")):
+                    if not _unchanged(page, now, read_body(wiki.pages_dir / f"{page_id}.md")):
                         skipped.append(page_id)
                         continue
                     assert page.text is not None

@@ -37,7 +37,20 @@ from malde_ostrel.workers.wiki.tool.wiki import PROG, Wiki
 STORE_ENV = "OSTREL_WIKI_STORE"
 DEFAULT_WRITER_TIMEOUT = 300.0
 DEFAULT_LOG_RUNS = 10
-COMMANDS = ("plan", "save", "status", "log", "show", "history", "archive", "restore", "doctor", "build")
+COMMANDS = (
+    "plan",
+    "save",
+    "status",
+    "log",
+    "show",
+    "history",
+    "archive",
+    "restore",
+    "doctor",
+    "build",
+    "publish",
+    "serve",
+)
 # Exit status of a build that left pages unwritten.
 EXIT_UNWRITTEN = 4
 
@@ -71,6 +84,41 @@ def _hashing(wiki: Wiki, label: str = "hashing files") -> Iterator[termui.Progre
 
 
 # ---------------------------------------------------------------- commands
+
+
+def cmd_publish(wiki: Wiki, args: argparse.Namespace) -> Any:
+    from malde_ostrel.workers.wiki.tool.publish import publish
+
+    with _hashing(wiki):
+        report = publish(wiki, Path(args.dir), all_branches=bool(args.all_branches))
+    if args.json:
+        return report
+    print(
+        f"published {report.pages} page(s) of {', '.join(report.branches)} in {report.seconds:.1f} s: "
+        f"{len(report.written)} file(s) written, {len(report.removed)} removed"
+    )
+    print((Path(args.dir).resolve() / "index.html").as_uri())
+    return None
+
+
+def cmd_serve(wiki: Wiki, args: argparse.Namespace) -> Any:
+    from malde_ostrel.workers.wiki.tool.publish.model import PublishReport
+    from malde_ostrel.workers.wiki.tool.serve import Server
+
+    site = Path(args.dir) if args.dir else wiki.wiki_dir / "site"
+    server = Server(wiki, site, int(args.port), all_branches=bool(args.all_branches))
+    with _hashing(wiki):
+        server.publish()
+    print(f"serving {site} at {server.url} (Ctrl-C stops)", flush=True)
+
+    def told(outcome: PublishReport | Exception) -> None:
+        if isinstance(outcome, Exception):
+            _warn(f"publishing again failed: {outcome}; the site is unchanged")
+        else:
+            print(f"published again: {len(outcome.written)} file(s) written", flush=True)
+
+    server.run(told)
+    return None
 
 
 def cmd_plan(wiki: Wiki, args: argparse.Namespace) -> Any:
@@ -479,6 +527,13 @@ def build_parser() -> argparse.ArgumentParser:
         metavar="SECONDS",
         help=f"a writer that takes longer fails its page (default {DEFAULT_WRITER_TIMEOUT:g})",
     )
+    publish = add("publish", cmd_publish, "write the wiki as a static site (works from file://)")
+    publish.add_argument("dir", metavar="DIR", help="the site directory: new, empty, or published before")
+    publish.add_argument("--all-branches", action="store_true", help="every branch, with a switcher")
+    serve = add("serve", cmd_serve, "publish and serve the site on 127.0.0.1, again as the wiki changes")
+    serve.add_argument("dir", metavar="DIR", nargs="?", help="the site directory (default: beside the wiki's pages)")
+    serve.add_argument("--port", type=int, default=8000, metavar="P", help="the port (default 8000; 0 picks one)")
+    serve.add_argument("--all-branches", action="store_true", help="every branch, with a switcher")
     return parser
 
 

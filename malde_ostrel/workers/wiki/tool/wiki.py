@@ -62,6 +62,7 @@ from malde_ostrel.workers.wiki_types import PINNED_LEVELS
 
 if TYPE_CHECKING:
     from malde_ostrel.workers.wiki.tool.build import BuildReport
+    from malde_ostrel.workers.wiki.tool.publish.model import SiteInput
 
 PROG: Final = "ostrel-wiki"
 STORE_NAME: Final = "store.sqlite3"
@@ -491,10 +492,7 @@ class Wiki:
             for e in archive:
                 if e["open"] and e["carried_to"] is not None:
                     drafts.setdefault(str(e["carried_to"]), []).append(str(e["page_id"]))
-            for plan in plans:
-                row = gen._existing.get(plan.page_id)
-                written = bool(row and row.get("content_hash"))
-                changes = gen._page_changes(plan, row) if written else {}
+            for plan, written, changes in _page_states(gen, plans):
                 carried = drafts.get(plan.page_id, [])
                 pages.append(
                     StatusPage(
@@ -685,8 +683,89 @@ class Wiki:
 
         return doctor.doctor(self.store, self.wiki_dir, self.branch)
 
+    # ------------------------------------------------------------ publishing
+
+    def site_input(self) -> SiteInput:
+        """Every planned page as published: text, files, stale sections and
+        history, in reading order (a family's parts after their parent)."""
+        from malde_ostrel.workers.wiki.tool.publish.model import SiteInput, SitePage
+
+        snap = self._snapshot()
+        runs = _runs_by_page(read_runs(self.log_path)[0])
+        pages_dir = str(self.pages_dir)
+        with self._session(write=False) as db:
+            derived, steering = self._derive(snap, db)
+            gen = self._generator(db, snap, steering)
+            plans = self._pinned(gen, derived, snap)
+            stale = gen._select_stale(plans, gen._existing, False)
+            pages: list[SitePage] = []
+            for plan, written, changes in _page_states(gen, plans):
+                pages.append(
+                    SitePage(
+                        plan.page_id,
+                        plan.title,
+                        plan.description,
+                        plan.level,
+                        list(plan.children),
+                        [p for p in plan.related_pages if p not in plan.children],
+                        list(plan.source_files),
+                        written,
+                        plan.page_id in stale,
+                        _read_text(os.path.join(pages_dir, f"{plan.page_id}.md")) if written else None,
+                        changes.get("changed_files", {}),
+                        list(changes.get("stale_sections", [])),
+                        page_history(runs.get(plan.page_id, []), plan.page_id),
+                    )
+                )
+        return SiteInput(self.branch, snap.commit, pages, snap.hashes, snap.read_bytes, self.pages_dir, self.root)
+
+    def branches(self) -> list[str]:
+        """The branches of the store that have pages."""
+        with self._session(write=False) as db:
+            return Repository(db).branches()
+
+    def reopened(self, branch: str | None = None) -> Wiki:
+        """The same wiki (or ``branch``'s, beside it) opened again: a new look at the tree."""
+        if branch is None or branch == self.branch:
+            return Wiki.open(
+                self.root, branch=self.branch if self._named else None, store=self.store, wiki_dir=self.wiki_dir
+            )
+        return Wiki.open(self.root, branch=branch, store=self.store)
+
 
 # ---------------------------------------------------------------- helpers
+
+
+def _page_states(gen: WikiGenerator, plans: list[PagePlan]) -> Iterator[tuple[PagePlan, bool, dict[str, Any]]]:
+    """Each plan, whether its page is written, and its changes since (files, stale sections)."""
+    for plan in plans:
+        row = gen._existing.get(plan.page_id)
+        written = bool(row and row.get("content_hash"))
+        yield plan, written, gen._page_changes(plan, row) if written else {}
+
+
+def _read_text(path: str) -> str | None:
+    """A page body as ``carry.read_body`` reads it, without building a ``Path`` per page."""
+    try:
+        with open(path, "rb") as file:
+            return file.read().decode("utf-8", "surrogateescape")
+    except FileNotFoundError:
+        return None
+
+
+def _runs_by_page(runs: list[dict[str, Any]]) -> dict[str, list[dict[str, Any]]]:
+    """Per page id, the runs cut to the records that name it (as the page,
+    or as where its text came from): ``page_history`` reads each page's own."""
+    by_page: dict[str, dict[int, dict[str, Any]]] = {}
+    for number, run in enumerate(runs):
+        for record in run.get("amendments") or []:
+            if not isinstance(record, dict):
+                continue
+            for name in {record.get("page_id"), record.get("from")}:
+                if isinstance(name, str):
+                    cut = by_page.setdefault(name, {}).setdefault(number, {**run, "amendments": []})
+                    cut["amendments"].append(record)
+    return {page_id: list(cut.values()) for page_id, cut in by_page.items()}
 
 
 def _snapshot(root: Path, branch: str | None) -> repo_scan.Snapshot:
