@@ -178,9 +178,15 @@ def _public(language: str, name: str, node: tree_sitter.Node, source: bytes) -> 
     return True
 
 
+# Words no C file holds outside comments and strings, but most C++ headers do.
+_CPP_WORDS = (b"namespace ", b"template <", b"template<", b"::")
+
+
 def extract(language: str, source: bytes) -> tuple[list[Found], list[str], str]:
     """The public definitions of a file, in line order, its imported names
     and its opening comment."""
+    if language == "c" and any(word in source for word in _CPP_WORDS):
+        language = "cpp"  # a header with C++'s own keywords: not worth a C parse first
     loaded = _load(language)
     root = loaded.parser.parse(source).root_node
     if language == "c" and root.has_error:
