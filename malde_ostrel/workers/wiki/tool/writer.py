@@ -166,7 +166,10 @@ def parent_page(plan: PagePlan, parts: Sequence[PagePlan], facts: Mapping[str, F
     lead = f"{inline(plan.description)}. Each part documents a run of its files."
     lines: list[str] = []
     for part in parts:
-        names = [s.name for path in part.source_files for s in (facts[path].symbols if path in facts else [])]
+        # Each name once: a part of tests defines many a `TEST`.
+        names = list(
+            dict.fromkeys(s.name for path in part.source_files for s in (facts[path].symbols if path in facts else []))
+        )
         shown = ", ".join(code(name) for name in names[:PARTS_SYMBOLS])
         more = f" and {len(names) - PARTS_SYMBOLS} more" if len(names) > PARTS_SYMBOLS else ""
         defines = f"; defines {shown}{more}" if names else ""

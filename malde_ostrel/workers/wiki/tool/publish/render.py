@@ -16,7 +16,7 @@ import itertools
 import re
 from collections.abc import Callable, Mapping, Sequence
 from html import escape
-from typing import TYPE_CHECKING, Any, Final
+from typing import TYPE_CHECKING, Any, Final, NamedTuple
 
 from malde_ostrel.workers.wiki.repo_facts import _norm
 from malde_ostrel.workers.wiki.tool import planner
@@ -56,22 +56,27 @@ def repo_path(raw: str) -> str | None:
     return None if rel in (".", "..") or rel.startswith("../") else rel
 
 
-@dataclasses.dataclass
-class Citation:
+class Citation(NamedTuple):
     path: str  # as written
     start: int
     end: int
     symbol: str
 
 
+def _citation(path: str, start: str, end: str, symbol: str) -> Citation:
+    """A citation from its pattern's groups, line numbers clamped."""
+    first = int(start)
+    if first > MAX_LINE:
+        first = MAX_LINE
+    last = int(end) if end else first
+    if last > MAX_LINE:
+        last = MAX_LINE
+    return Citation(path, first, last, symbol.strip() if symbol else symbol)
+
+
 def citations(body: str) -> list[Citation]:
     """The citations of a text, as the renderer reads them."""
-    found: list[Citation] = []
-    for m in _CITE_RE.finditer(body):
-        start = min(int(m["start"]), MAX_LINE)
-        end = min(int(m["end"]), MAX_LINE) if m["end"] else start
-        found.append(Citation(m["path"], start, end, (m["symbol"] or "").strip()))
-    return found
+    return [_citation(*groups) for groups in _CITE_RE.findall(body)]
 
 
 @dataclasses.dataclass
@@ -111,9 +116,7 @@ def _cite_rule(state: StateInline, silent: bool) -> bool:
         return False
     if not silent:
         token = state.push("citation", "", 0)
-        start = min(int(m["start"]), MAX_LINE)
-        end = min(int(m["end"]), MAX_LINE) if m["end"] else start
-        token.meta = {"citation": Citation(m["path"], start, end, (m["symbol"] or "").strip())}
+        token.meta = {"citation": _citation(*m.groups(""))}
         token.content = m.group(0)
     state.pos = m.end()
     return True

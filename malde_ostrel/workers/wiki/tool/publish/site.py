@@ -203,14 +203,21 @@ class BranchSite:
     def _views(self) -> dict[str, SourceView]:
         """The source view of each cited file content, with the ranges cited in it."""
         views: dict[str, SourceView] = {}
+        # Each path as written, resolved once: a wiki cites the same files many times.
+        ranges_of: dict[str, set[tuple[int, int]] | None] = {}
         for page in self.data.pages:
             for cite in self.cites[page.page_id]:
-                path = repo_path(cite.path)
-                blob = self.cited.get(path or "")
-                if path and blob:
-                    view = views.setdefault(blob, SourceView(path))
-                    view.path = min(view.path, path)
-                    view.ranges.add((cite.start, cite.end))
+                if cite.path not in ranges_of:
+                    path = repo_path(cite.path)
+                    blob = self.cited.get(path or "")
+                    ranges_of[cite.path] = None
+                    if path and blob:
+                        view = views.setdefault(blob, SourceView(path))
+                        view.path = min(view.path, path)
+                        ranges_of[cite.path] = view.ranges
+                ranges = ranges_of[cite.path]
+                if ranges is not None:
+                    ranges.add((cite.start, cite.end))
         for view in views.values():
             view.key = digest(fingerprint(), self._branch_links(), view.path, sorted(view.ranges))
         return views
