@@ -18,6 +18,7 @@ import pytest
 
 from malde_ostrel.workers.wiki.tool.publish import highlight, publish, render
 from malde_ostrel.workers.wiki.tool.publish.output import MANIFEST
+from malde_ostrel.workers.wiki.tool.publish.site import CITES_CACHE
 from malde_ostrel.workers.wiki.tool.reports import WikiError
 from malde_ostrel.workers.wiki.tool.serve import Server
 from malde_ostrel.workers.wiki.tool.wiki import Wiki
@@ -157,6 +158,13 @@ def test_publishing_again_writes_only_what_changed(repo: Path, tmp_path: Path) -
     first = site_of(repo, site)
     assert "pages/module-app.html" in first and MANIFEST not in first
     assert site_of(repo, site) == []
+    # What each text cites is kept for the next publish; a damaged copy is read past.
+    cache = site / CITES_CACHE
+    kept = json.loads(cache.read_text())
+    assert {"/etc/passwd": [1, 2], "../up.py": [1, 1], "app/core.py": [1, 2, 5, 7]} in kept.values()
+    for damaged in ("{", "[]", json.dumps({key: {"app/core.py": [1]} for key in kept})):
+        cache.write_text(damaged)
+        assert site_of(repo, site) == []
     inside = repo / "site"  # published inside the work tree: not planned as code
     site_of(repo, inside)
     with Wiki.open(repo) as wiki:

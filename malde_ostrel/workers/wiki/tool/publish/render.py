@@ -79,6 +79,15 @@ def citations(body: str) -> list[Citation]:
     return [_citation(*groups) for groups in _CITE_RE.findall(body)]
 
 
+def cited_ranges(body: str) -> dict[str, list[int]]:
+    """The line ranges a text cites, by path as written (in the order the
+    paths first appear), flat: start, end, start, end, ..."""
+    found: dict[str, list[int]] = {}
+    for cite in citations(body):
+        found.setdefault(cite.path, []).extend((cite.start, cite.end))
+    return found
+
+
 @dataclasses.dataclass
 class Section:
     """One section of a rendered page, for the search index."""

@@ -34,11 +34,13 @@ from markupsafe import Markup
 from malde_ostrel.workers.wiki.tool.publish import highlight
 from malde_ostrel.workers.wiki.tool.publish.model import SiteInput, SitePage
 from malde_ostrel.workers.wiki.tool.publish.output import SiteDir, digest
-from malde_ostrel.workers.wiki.tool.publish.render import Citation, Links, Renderer, citations, repo_path
+from malde_ostrel.workers.wiki.tool.publish.render import Citation, Links, Renderer, cited_ranges, repo_path
 
 PACKAGE: Final = "malde_ostrel.workers.wiki.tool.publish"
 SEARCH_INDEX: Final = "search-index.js"
 SEARCH_PREFIX: Final = "window.OSTREL_SEARCH_INDEX = "
+# What each page text cites, by the text's digest: read again only for new texts.
+CITES_CACHE: Final = ".ostrel-cites.json"
 MAX_SVG_BYTES: Final = 4 * 1024 * 1024
 _PLAIN_ID: Final = re.compile(r"[A-Za-z0-9][A-Za-z0-9._-]{0,120}")
 # Pages go to a worker in tasks of this many; a pool works from POOL_FROM
@@ -108,18 +110,43 @@ class BranchSite:
                 if child in self.by_id and self.by_id[child].parent is None and child != page.page_id:
                     self.by_id[child].parent = page.page_id
         self.env = _environment()
-        self.cites = {page.page_id: citations(page.body or "") for page in data.pages}
+        self.cites = self._cited_ranges()
         self.cited = self._cited_blobs()
         self.maker = PageMaker(data.branch, self.by_id, self.cited, self._branch_links())
 
     # ------------------------------------------------------------ inputs
 
+    def _cited_ranges(self) -> dict[str, dict[str, list[int]]]:
+        """Each page's ``cited_ranges``; those of a text the last publish saw
+        come from its cache in the site (a wiki cites hundreds of thousands
+        of lines: reading them all again would cost most of a republish)."""
+        rel = f"{self.prefix}{CITES_CACHE}"
+        old: Any = {}
+        if rel in self.out.old:
+            try:
+                old = json.loads((self.out.root / rel).read_text("utf-8"))
+            except (OSError, ValueError):
+                old = {}
+        if not isinstance(old, dict):
+            old = {}
+        kept: dict[str, dict[str, list[int]]] = {}
+        by_page: dict[str, dict[str, list[int]]] = {}
+        for page in self.data.pages:
+            body = page.body or ""
+            key = hashlib.sha256(body.encode("utf-8", "surrogateescape")).hexdigest()[:32]
+            ranges = old.get(key)
+            if not _ranges_shape(ranges):
+                ranges = cited_ranges(body)
+            kept[key] = by_page[page.page_id] = ranges
+        self.out.put(rel, json.dumps(kept, separators=(",", ":")))
+        return by_page
+
     def _cited_blobs(self) -> dict[str, str]:
         """The blob id of every repository path some page cites."""
         paths: set[str] = set()
         for found in self.cites.values():
-            for cite in found:
-                rel = repo_path(cite.path)
+            for raw in found:
+                rel = repo_path(raw)
                 if rel is not None:
                     paths.add(rel)
         if not paths:
@@ -146,7 +173,7 @@ class BranchSite:
     def _page_key(self, page: SitePage, svgs: dict[str, Path]) -> str:
         linked = [page.parent, *page.children, *page.related, *(e.other for e in page.history)]
         titles = {p: self.by_id[p].title for p in linked if p and p in self.by_id}
-        blobs = {c.path: self.cited.get(repo_path(c.path) or "") for c in self.cites[page.page_id]}
+        blobs = {raw: self.cited.get(repo_path(raw) or "") for raw in self.cites[page.page_id]}
         diagrams = {name: digest(path.read_bytes().hex()) for name, path in svgs.items()}
         ids = sorted(self.by_id) if "](" in (page.body or "") else []
         return digest(
@@ -206,18 +233,18 @@ class BranchSite:
         # Each path as written, resolved once: a wiki cites the same files many times.
         ranges_of: dict[str, set[tuple[int, int]] | None] = {}
         for page in self.data.pages:
-            for cite in self.cites[page.page_id]:
-                if cite.path not in ranges_of:
-                    path = repo_path(cite.path)
+            for raw, flat in self.cites[page.page_id].items():
+                if raw not in ranges_of:
+                    path = repo_path(raw)
                     blob = self.cited.get(path or "")
-                    ranges_of[cite.path] = None
+                    ranges_of[raw] = None
                     if path and blob:
                         view = views.setdefault(blob, SourceView(path))
                         view.path = min(view.path, path)
-                        ranges_of[cite.path] = view.ranges
-                ranges = ranges_of[cite.path]
+                        ranges_of[raw] = view.ranges
+                ranges = ranges_of[raw]
                 if ranges is not None:
-                    ranges.add((cite.start, cite.end))
+                    ranges.update(zip(flat[::2], flat[1::2], strict=True))
         for view in views.values():
             view.key = digest(fingerprint(), self._branch_links(), view.path, sorted(view.ranges))
         return views
@@ -495,4 +522,11 @@ def branch_list(dirs: dict[str, str]) -> str:
             branches=[(b, f"{d}/index.html") for b, d in sorted(dirs.items())],
             search=False,
         )
+    )
+
+
+def _ranges_shape(value: Any) -> bool:
+    """True when a cached entry has the shape ``cited_ranges`` gives."""
+    return isinstance(value, dict) and all(
+        isinstance(flat, list) and len(flat) % 2 == 0 and all(type(n) is int for n in flat) for flat in value.values()
     )
