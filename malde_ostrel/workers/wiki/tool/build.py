@@ -25,14 +25,13 @@ import os
 from collections.abc import Callable, Sequence
 from concurrent.futures import ThreadPoolExecutor
 from dataclasses import dataclass, field
-from datetime import datetime
 from functools import partial
 from typing import TYPE_CHECKING, Any, Final
 
 from malde_ostrel.workers.wiki.orchestrator import WikiGenerator
 from malde_ostrel.workers.wiki.tool import citecheck, external, graph, marks, planner, writer
 from malde_ostrel.workers.wiki.tool.facts import FactsCache, FileFacts, gather
-from malde_ostrel.workers.wiki.tool.journal import Journal, new_run_id
+from malde_ostrel.workers.wiki.tool.journal import Journal
 from malde_ostrel.workers.wiki.tool.reports import Record, WikiError
 from malde_ostrel.workers.wiki.tool.revisions import read_body
 from malde_ostrel.workers.wiki.tool.store import Repository
@@ -484,16 +483,7 @@ def _save(
                         }
                     )
                 if records:
-                    journal.log(
-                        wiki.log_path,
-                        {
-                            "at": datetime.now().isoformat(timespec="seconds"),
-                            "replan": False,
-                            "build": True,
-                            "amendments": records,
-                            "run": new_run_id(),
-                        },
-                    )
+                    journal.log_run(wiki.log_path, records, build=True)
             warnings += _finish(journal)
     done = set(written)
     kept = [page for page in pages if page.plan.page_id in done]

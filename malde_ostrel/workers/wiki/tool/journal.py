@@ -14,6 +14,7 @@ from __future__ import annotations
 import json
 import os
 import sqlite3
+from datetime import datetime
 from pathlib import Path
 from typing import Any, Final
 
@@ -119,6 +120,12 @@ class Journal:
 
     def log(self, log: Path, record: dict[str, Any]) -> None:
         self._add(LOG, log, json.dumps(record, ensure_ascii=False))
+
+    def log_run(self, log: Path, amendments: list[dict[str, Any]], *, replan: bool = False, **marks: Any) -> None:
+        """Journal one run's line of the audit log: its time, whether it
+        replanned, ``marks`` (``build=True``), its records and a new run id."""
+        at = datetime.now().isoformat(timespec="seconds")
+        self.log(log, {"at": at, "replan": replan, **marks, "amendments": amendments, "run": new_run_id()})
 
     def pending(self) -> int:
         return int(self.db.execute("SELECT count(*) FROM journal").fetchone()[0])

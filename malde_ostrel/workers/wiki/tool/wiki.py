@@ -25,7 +25,6 @@ from __future__ import annotations
 import os
 from collections.abc import Callable, Iterator
 from contextlib import contextmanager
-from datetime import datetime
 from functools import partial
 from pathlib import Path
 from typing import TYPE_CHECKING, Any, Final
@@ -36,7 +35,7 @@ from malde_ostrel.workers.wiki.replan_carry import ReplanRemap, amend
 from malde_ostrel.workers.wiki.repo_facts import _norm, _text_hash
 from malde_ostrel.workers.wiki.tool import carry, planner, renames, repo_scan, revisions
 from malde_ostrel.workers.wiki.tool.auditlog import page_history, read_runs
-from malde_ostrel.workers.wiki.tool.journal import PLAN_LOG_NAME, Journal, finish, new_run_id
+from malde_ostrel.workers.wiki.tool.journal import PLAN_LOG_NAME, Journal, finish
 from malde_ostrel.workers.wiki.tool.locking import store_lock
 from malde_ostrel.workers.wiki.tool.reports import (
     ArchiveEntry,
@@ -319,15 +318,7 @@ class Wiki:
                 if snap.commit:
                     repo.set_plan_commit(self.branch, snap.commit)
                 if records:
-                    journal.log(
-                        self.log_path,
-                        {
-                            "at": datetime.now().isoformat(timespec="seconds"),
-                            "replan": replan,
-                            "amendments": records,
-                            "run": new_run_id(),
-                        },
-                    )
+                    journal.log_run(self.log_path, records, replan=replan)
             warnings += _finish(journal)
             if db.changes != unwritten:
                 # Only the files and hashes a row records decide which pages to write.
@@ -589,15 +580,7 @@ class Wiki:
                     "" if kept is None else f"; the text it replaces is revision {kept}"
                 )
                 record = {"action": "restore", "page_id": page_id, "reason": reason, "revision": n}
-                journal.log(
-                    self.log_path,
-                    {
-                        "at": datetime.now().isoformat(timespec="seconds"),
-                        "replan": False,
-                        "amendments": [record],
-                        "run": new_run_id(),
-                    },
-                )
+                journal.log_run(self.log_path, [record])
             warnings = _finish(journal)
         return RevisionRestore(page_id, n, kept, warnings)
 
@@ -639,22 +622,17 @@ class Wiki:
                 carrier.drafts[target] = carry.compose(carrier.body(target), leaving)
                 gen._mark_synthesis_stale(carrier.finish("restore") or [target])
                 repo.settle_archive(self.branch, entry=entry, to=target, still_open=True)
-                journal.log(
+                journal.log_run(
                     self.log_path,
-                    {
-                        "at": datetime.now().isoformat(timespec="seconds"),
-                        "replan": False,
-                        "amendments": [
-                            {
-                                "action": "restore",
-                                "page_id": target,
-                                "reason": f"text of {found['page_id']} restored from the archive (entry {entry})",
-                                "from": found["page_id"],
-                                "entry": entry,
-                            }
-                        ],
-                        "run": new_run_id(),
-                    },
+                    [
+                        {
+                            "action": "restore",
+                            "page_id": target,
+                            "reason": f"text of {found['page_id']} restored from the archive (entry {entry})",
+                            "from": found["page_id"],
+                            "entry": entry,
+                        }
+                    ],
                 )
             _finish(journal)
         return RestoreReport(entry, found["page_id"], target)
