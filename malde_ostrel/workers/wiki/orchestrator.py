@@ -57,7 +57,6 @@ class GeneratorBase(PageRetirementMixin, SteeringMixin):
         self.steering_text = steering_text
         self._existing: dict[str, dict[str, Any]] = repository.rows(branch)
         self.kept: dict[str, int] = {}  # page id -> the revision its last save kept
-        self.unfinished: list[str] = []  # file work of committed saves left to the next run
 
     if TYPE_CHECKING:
         # Provided by the plan-of-record mixin; defining it here would shadow it.
@@ -104,8 +103,8 @@ class GeneratorBase(PageRetirementMixin, SteeringMixin):
         kept as a revision in the same commit (``kept`` maps the page id to its
         number; ``replaced_by`` names the writer). Outside a caller's
         transaction the body is moved into place at once; a failure after the
-        commit is added to ``unfinished`` (the next run finishes it), since the
-        save itself took effect.
+        commit is left to the next run to finish, since the save itself took
+        effect.
         """
         if citations is None:
             citations = prose_citations(body)
@@ -122,7 +121,13 @@ class GeneratorBase(PageRetirementMixin, SteeringMixin):
                 stored = self.repository.row(self.branch, plan.page_id)
                 recorded: list[str] = list(stored["source_files"]) if stored else []
                 kept = revisions.keep(
-                    self.repository, self.branch, self.pages_dir, plan.page_id, data, replaced_by=replaced_by
+                    self.repository,
+                    self.branch,
+                    self.pages_dir,
+                    plan.page_id,
+                    data,
+                    replaced_by=replaced_by,
+                    recorded=str(stored.get("content_hash") or "") if stored else "",
                 )
                 if plan.source_files or plan.children:
                     source_files = plan.stored_source_files()
@@ -148,9 +153,7 @@ class GeneratorBase(PageRetirementMixin, SteeringMixin):
         if kept is not None:
             self.kept[plan.page_id] = kept
         if not self.repository.db.in_transaction:  # else the caller's commit comes first, then its replay
-            cause = finish(journal)
-            if cause is not None:
-                self.unfinished.append(cause)
+            finish(journal)
         self.reload()
         return self._existing[plan.page_id]
 

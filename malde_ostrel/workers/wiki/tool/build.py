@@ -34,7 +34,7 @@ from malde_ostrel.workers.wiki.tool.facts import FactsCache, FileFacts, gather
 from malde_ostrel.workers.wiki.tool.journal import Journal
 from malde_ostrel.workers.wiki.tool.reports import Record, WikiError
 from malde_ostrel.workers.wiki.tool.revisions import read_body
-from malde_ostrel.workers.wiki.tool.store import Repository
+from malde_ostrel.workers.wiki.tool.store import STALE_MARK_KEY, Repository
 from malde_ostrel.workers.wiki.types import PagePlan
 from malde_ostrel.workers.wiki.verify import prose_citations
 
@@ -43,11 +43,9 @@ if TYPE_CHECKING:
 
 # Pages saved per store transaction.
 BATCH: Final = 250
-DEFAULT_TIMEOUT: Final = 300.0
 DIAGRAM_NAME: Final = "architecture.svg"
 README_NAMES: Final = ("README.md", "README.rst", "README.txt", "README", "readme.md")
 README_READ_MAX: Final = 64 << 10
-_STALE_MARK: Final = "__stale__"
 # The columns a save changes: equal, nobody saved the page since it was read.
 _ROW_STATE: Final = ("content_hash", "source_files", "source_hashes", "build_cache", "updated_at")
 
@@ -111,12 +109,7 @@ class _Saver(WikiGenerator):
 
 
 def run(
-    wiki: Wiki,
-    *,
-    command: Sequence[str] | None = None,
-    jobs: int = 1,
-    timeout: float = DEFAULT_TIMEOUT,
-    progress: Progress | None = None,
+    wiki: Wiki, *, command: Sequence[str] | None = None, jobs: int = 1, timeout: float, progress: Progress | None = None
 ) -> BuildReport:
     planned = not _of_record(wiki)
     if planned:
@@ -315,7 +308,7 @@ def _merge(page: _Page, fresh: list[marks.Section], *, everything: bool) -> None
         or page.body is None
         or not changes
         or not plan.source_files
-        or _STALE_MARK in recorded_hashes
+        or STALE_MARK_KEY in recorded_hashes
         or not any(files.get(kind) for kind in ("added", "removed", "modified"))
     )
     touched = _touched(page)

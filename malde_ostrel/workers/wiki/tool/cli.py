@@ -32,10 +32,9 @@ from malde_ostrel.workers.wiki.tool.planner import SteeringError
 from malde_ostrel.workers.wiki.tool.repo_scan import RepoError
 from malde_ostrel.workers.wiki.tool.reports import CitationError, HistoryReport, WikiError, as_json
 from malde_ostrel.workers.wiki.tool.store import DOCTOR_HINT, StoreError
-from malde_ostrel.workers.wiki.tool.wiki import PROG, Wiki
+from malde_ostrel.workers.wiki.tool.wiki import PROG, WRITER_TIMEOUT, Wiki
 
 STORE_ENV = "OSTREL_WIKI_STORE"
-DEFAULT_WRITER_TIMEOUT = 300.0
 DEFAULT_LOG_RUNS = 10
 COMMANDS = (
     "plan",
@@ -523,9 +522,9 @@ def build_parser() -> argparse.ArgumentParser:
     build.add_argument(
         "--writer-timeout",
         type=_seconds,
-        default=DEFAULT_WRITER_TIMEOUT,
+        default=WRITER_TIMEOUT,
         metavar="SECONDS",
-        help=f"a writer that takes longer fails its page (default {DEFAULT_WRITER_TIMEOUT:g})",
+        help=f"a writer that takes longer fails its page (default {WRITER_TIMEOUT:g})",
     )
     publish = add("publish", cmd_publish, "write the wiki as a static site (works from file://)")
     publish.add_argument("dir", metavar="DIR", help="the site directory: new, empty, or published before")

@@ -28,18 +28,27 @@ def body_bytes(text: str) -> bytes:
 
 
 def keep(
-    repository: Repository, branch: str, pages_dir: Path, page_id: str, new: bytes, *, replaced_by: str
+    repository: Repository,
+    branch: str,
+    pages_dir: Path,
+    page_id: str,
+    new: bytes,
+    *,
+    replaced_by: str,
+    recorded: str | None = None,
 ) -> int | None:
     """Keep the page's current body as its next revision when ``new``
     replaces it; the revision's number, or None when there is nothing to
-    keep (no body, a blank one, or the same bytes)."""
+    keep (no body, a blank one, or the same bytes). ``recorded`` is the
+    content hash the page's row holds, when the caller has read the row."""
     try:
         old = (pages_dir / f"{page_id}.md").read_bytes()
     except FileNotFoundError:
         return None
     if not old.strip() or old == new:
         return None
-    row = repository.row(branch, page_id)
-    recorded = str(row.get("content_hash") or "") if row else ""
+    if recorded is None:
+        row = repository.row(branch, page_id)
+        recorded = str(row.get("content_hash") or "") if row else ""
     saved = bool(recorded) and recorded == _text_hash(old.decode("utf-8", "surrogateescape"))
     return repository.keep_revision(branch, page_id, old, saved=saved, replaced_by=replaced_by)

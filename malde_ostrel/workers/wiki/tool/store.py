@@ -450,6 +450,9 @@ class Repository:
             f"VALUES (?, ?, ?, ?, ?, {_NOW_SQL})",
             (branch, page_id, body, int(saved), replaced_by),
         )
+        return self.revision_count(branch, page_id)
+
+    def revision_count(self, branch: str, page_id: str) -> int:
         raw = self.db.execute(
             "SELECT count(*) FROM revisions WHERE branch = ? AND page_id = ?", (branch, page_id)
         ).fetchone()
@@ -457,15 +460,17 @@ class Repository:
 
     def revisions(self, branch: str, page_id: str, n: int | None = None) -> list[dict[str, Any]]:
         """The page's revisions, oldest (number 1) first; with ``n``, that one alone."""
-        cursor = self.db.execute(
-            "SELECT body, saved, replaced_by, replaced_at FROM revisions WHERE branch = ? AND page_id = ? ORDER BY id",
-            (branch, page_id),
-        )
-        found = [
+        sql = "SELECT body, saved, replaced_by, replaced_at FROM revisions WHERE branch = ? AND page_id = ? ORDER BY id"
+        if n is not None and n < 1:
+            return []
+        if n is None:
+            cursor = self.db.execute(sql, (branch, page_id))
+        else:
+            cursor = self.db.execute(sql + " LIMIT 1 OFFSET ?", (branch, page_id, n - 1))
+        return [
             {"n": i, "body": bytes(body), "saved": bool(saved), "replaced_by": str(by), "at": str(at)}
-            for i, (body, saved, by, at) in enumerate(cursor, 1)
+            for i, (body, saved, by, at) in enumerate(cursor, n or 1)
         ]
-        return found if n is None else found[n - 1 : n] if n > 0 else []
 
 
 class StoredPlans:

@@ -64,6 +64,8 @@ if TYPE_CHECKING:
     from malde_ostrel.workers.wiki.tool.publish.model import SiteInput
 
 PROG: Final = "ostrel-wiki"
+# Seconds a writer command may take for one page.
+WRITER_TIMEOUT: Final = 300.0
 STORE_NAME: Final = "store.sqlite3"
 PAGES_DIR: Final = "pages"
 # Where earlier releases kept the store and the wikis, inside the work tree.
@@ -518,9 +520,10 @@ class Wiki:
             derived, steering = self._derive(snap, db)
             gen = self._generator(db, snap, steering)
             plan = next(p for p in self._pinned(gen, derived, snap) if p.page_id == page_id)
-            kept = Repository(db).revisions(self.branch, page_id)
-        body = revisions.read_body(self.pages_dir / f"{page_id}.md")
-        if rev is not None:
+            kept = Repository(db).revision_count(self.branch, page_id)
+        if rev is None:
+            body = revisions.read_body(self.pages_dir / f"{page_id}.md")
+        else:
             body = self.revision(page_id, rev).text
         return ShowReport(
             page_id,
@@ -531,7 +534,7 @@ class Wiki:
             page.to_write,
             page.stale_sections,
             draft_from=page.carried_from,
-            revisions=len(kept),
+            revisions=kept,
             rev=rev,
         )
 
@@ -642,17 +645,14 @@ class Wiki:
         *,
         command: list[str] | None = None,
         jobs: int = 1,
-        timeout: float | None = None,
+        timeout: float = WRITER_TIMEOUT,
         progress: Callable[[int, int], None] | None = None,
     ) -> BuildReport:
         """Write every page to write, planning first on a fresh store; with
         ``command``, a writer process per page, ``jobs`` at once (see ``build``)."""
         from malde_ostrel.workers.wiki.tool import build
 
-        return build.run(
-            self, command=command, jobs=jobs, timeout=build.DEFAULT_TIMEOUT if timeout is None else timeout,
-            progress=progress,
-        )  # fmt: skip
+        return build.run(self, command=command, jobs=jobs, timeout=timeout, progress=progress)
 
     def doctor(self) -> DoctorReport:
         """Check the store and the branch's log and texts; repair what can be
@@ -670,7 +670,6 @@ class Wiki:
 
         snap = self._snapshot()
         runs = _runs_by_page(read_runs(self.log_path)[0])
-        pages_dir = str(self.pages_dir)
         with self._session(write=False) as db:
             derived, steering = self._derive(snap, db)
             gen = self._generator(db, snap, steering)
@@ -689,7 +688,7 @@ class Wiki:
                         list(plan.source_files),
                         written,
                         plan.page_id in stale,
-                        _read_text(os.path.join(pages_dir, f"{plan.page_id}.md")) if written else None,
+                        revisions.read_body(self.pages_dir / f"{plan.page_id}.md") if written else None,
                         changes.get("changed_files", {}),
                         list(changes.get("stale_sections", [])),
                         page_history(runs.get(plan.page_id, []), plan.page_id),
@@ -720,15 +719,6 @@ def _page_states(gen: WikiGenerator, plans: list[PagePlan]) -> Iterator[tuple[Pa
         row = gen._existing.get(plan.page_id)
         written = bool(row and row.get("content_hash"))
         yield plan, written, gen._page_changes(plan, row) if written else {}
-
-
-def _read_text(path: str) -> str | None:
-    """A page body as ``carry.read_body`` reads it, without building a ``Path`` per page."""
-    try:
-        with open(path, "rb") as file:
-            return file.read().decode("utf-8", "surrogateescape")
-    except FileNotFoundError:
-        return None
 
 
 def _runs_by_page(runs: list[dict[str, Any]]) -> dict[str, list[dict[str, Any]]]:

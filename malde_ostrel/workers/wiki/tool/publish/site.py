@@ -110,6 +110,7 @@ class BranchSite:
                 if child in self.by_id and self.by_id[child].parent is None and child != page.page_id:
                     self.by_id[child].parent = page.page_id
         self.env = _environment()
+        self.body_digests: dict[str, str] = {}  # the sha-256 of each page's text, filled with ``cites``
         self.cites = self._cited_ranges()
         self.cited = self._cited_blobs()
         self.maker = PageMaker(data.branch, self.by_id, self.cited, self._branch_links())
@@ -133,7 +134,8 @@ class BranchSite:
         by_page: dict[str, dict[str, list[int]]] = {}
         for page in self.data.pages:
             body = page.body or ""
-            key = hashlib.sha256(body.encode("utf-8", "surrogateescape")).hexdigest()[:32]
+            self.body_digests[page.page_id] = full = hashlib.sha256(body.encode("utf-8", "surrogateescape")).hexdigest()
+            key = full[:32]
             ranges = old.get(key)
             if not _ranges_shape(ranges):
                 ranges = cited_ranges(body)
@@ -181,7 +183,7 @@ class BranchSite:
             self.data.branch,
             self._branch_links(),
             [getattr(page, field.name) for field in PAGE_FIELDS],
-            None if page.body is None else hashlib.sha256(page.body.encode("utf-8", "surrogateescape")).hexdigest(),
+            None if page.body is None else self.body_digests[page.page_id],
             [vars(event) for event in page.history],
             titles,
             blobs,
