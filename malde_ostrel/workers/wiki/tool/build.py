@@ -29,7 +29,7 @@ from functools import partial
 from typing import TYPE_CHECKING, Any, Final
 
 from malde_ostrel.workers.wiki.orchestrator import WikiGenerator
-from malde_ostrel.workers.wiki.tool import citecheck, external, graph, marks, planner, writer
+from malde_ostrel.workers.wiki.tool import carry, citecheck, external, graph, marks, planner, writer
 from malde_ostrel.workers.wiki.tool.facts import FactsCache, FileFacts, gather
 from malde_ostrel.workers.wiki.tool.journal import Journal
 from malde_ostrel.workers.wiki.tool.reports import Record, WikiError
@@ -200,12 +200,12 @@ def _read_all(wiki: Wiki, progress: Progress | None) -> _Read | None:
         if any(plan.page_id not in gen._existing for plan in plans):
             return None
         stale = gen._select_stale(plans, gen._existing, False)
-        archive = Repository(db).archived(wiki.branch)
-        pages = [_read(wiki, gen, plan, archive) for plan in plans if plan.page_id in stale]
+        drafts = carry.drafts_by_page(Repository(db).archived(wiki.branch))
+        pages = [_read(wiki, gen, plan, drafts.get(plan.page_id, [])) for plan in plans if plan.page_id in stale]
         # The overview lists every page: checked on each build, written when that list changed.
         overview = next((p for p in plans if p.page_id == planner.OVERVIEW_ID and p.page_id not in stale), None)
         if overview is not None and (gen._existing.get(overview.page_id) or {}).get("content_hash"):
-            pages.append(_read(wiki, gen, overview, archive))
+            pages.append(_read(wiki, gen, overview, drafts.get(overview.page_id, [])))
             pages[-1].optional = True
         for page in pages:
             page.stored = stored.get(page.plan.page_id)
@@ -221,15 +221,11 @@ def _of_record(wiki: Wiki) -> bool:
         return bool(Repository(db).page_ids(wiki.branch))
 
 
-def _read(wiki: Wiki, gen: WikiGenerator, plan: PagePlan, archive: list[dict[str, Any]]) -> _Page:
+def _read(wiki: Wiki, gen: WikiGenerator, plan: PagePlan, held: list[dict[str, Any]]) -> _Page:
     row = gen._existing.get(plan.page_id)
     written = bool(row and row.get("content_hash"))
     changes = gen._page_changes(plan, row) if written else {}
-    drafts = [
-        {"from": str(e["page_id"]), "title": str(e["title"] or ""), "body": str(e["body"] or "")}
-        for e in archive
-        if e["open"] and e["carried_to"] == plan.page_id
-    ]
+    drafts = [{"from": str(e["page_id"]), "title": str(e["title"] or ""), "body": str(e["body"] or "")} for e in held]
     body = read_body(wiki.pages_dir / f"{plan.page_id}.md")
     return _Page(plan, row, body, changes, drafts)
 

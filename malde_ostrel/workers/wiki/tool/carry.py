@@ -149,6 +149,15 @@ class Carrier:
         return list(self.receivers)
 
 
+def drafts_by_page(archive: Iterable[dict[str, Any]]) -> dict[str, list[dict[str, Any]]]:
+    """The archive entries each page holds as a draft (carried to it, not yet saved over)."""
+    drafts: dict[str, list[dict[str, Any]]] = {}
+    for e in archive:
+        if e["open"] and e["carried_to"] is not None:
+            drafts.setdefault(str(e["carried_to"]), []).append(e)
+    return drafts
+
+
 def returning(archive: list[dict[str, Any]], plans: list[PagePlan], stored: Iterable[str]) -> list[dict[str, Any]]:
     """For each planned page new to the store whose id left the plan before
     with a text, the archive entry of the last such text (unless that text

@@ -444,7 +444,7 @@ class Wiki:
                     if problems and strict:
                         raise CitationError(page_id, problems)
                     citations = prose_citations(body)
-                    drafts = [e for e in repo.archived(self.branch) if e["open"] and e["carried_to"] == page_id]
+                    drafts = carry.drafts_by_page(repo.archived(self.branch)).get(page_id, [])
                     left_out = [str(e["page_id"]) for e in drafts if not _holds(body, str(e["body"]))]
                     repo.settle_archive(self.branch, carried_to=page_id)
                     row = gen.save_page(plan, body, citations)
@@ -481,12 +481,9 @@ class Wiki:
             stale = gen._select_stale(plans, gen._existing, False)
             archive = Repository(db).archived(self.branch)
             pages: list[StatusPage] = []
-            drafts: dict[str, list[str]] = {}
-            for e in archive:
-                if e["open"] and e["carried_to"] is not None:
-                    drafts.setdefault(str(e["carried_to"]), []).append(str(e["page_id"]))
+            drafts = carry.drafts_by_page(archive)
             for plan, written, changes in _page_states(gen, plans):
-                carried = drafts.get(plan.page_id, [])
+                carried = [str(e["page_id"]) for e in drafts.get(plan.page_id, [])]
                 pages.append(
                     StatusPage(
                         plan.page_id,
