@@ -397,7 +397,8 @@ def test_two_builds_at_once_write_each_page_once(repo: Path) -> None:
 OTHER_LANGUAGES = {
     "lib.rs": "/// Adds.\npub fn add(a: i32) -> i32 {\n    a\n}\n\npub struct Point {\n    x: i32,\n}\n\nfn private() {}\n",
     "Main.java": "/** The app. */\npublic class Main {\n  /** Runs. */\n  public void run() {\n  }\n\n  private void hide() {}\n}\n",
-    "shape.hpp": "namespace geo {\n/// A shape.\nclass Shape {\n public:\n  int area() const { return 0; }\n};\n}\n",
+    "shape.hpp": "namespace geo {\n/// A shape.\nclass Shape {\n public:\n  int area() const { return 0; }\n};\n"
+    "int twice(int a) {\n  Scale local(a);\n  return a;\n}\n}\n",
     "app.js": "// Starts it.\nfunction start(a) {\n  return a;\n}\nclass Box {\n  open() {}\n}\n",
     # A C++ header named .h: read as C++ when the C grammar cannot read it.
     "vec.h": "namespace v {\n/// A vector.\ntemplate <typename T>\nclass Vec {\n public:\n  T at(int i) const {\n    return 0;\n  }\n};\n}\n",
@@ -410,7 +411,7 @@ def test_symbols_of_each_language_span_their_definitions(path: str) -> None:
     found = facts.extract(path, source.encode())
     lines = source.splitlines()
     names = {symbol.name for symbol in found.symbols}
-    assert names and not {"private", "Main.hide", "hide"} & names
+    assert names and not {"private", "Main.hide", "hide", "local"} & names
     for symbol in found.symbols:
         # The definition from its first line (a template's head) to where its braces close.
         opened = "\n".join(lines[symbol.line_start - 1 : symbol.line_end])

@@ -25,7 +25,7 @@ from typing import Final, NamedTuple
 from malde_ostrel.workers.wiki.tool.store import Database
 
 # Raise whenever what the extractors find changes: older facts are read again.
-FACTS_VERSION: Final = 2
+FACTS_VERSION: Final = 3
 # A file larger than this is listed, not parsed.
 MAX_PARSE_BYTES: Final = 2 << 20
 SENTENCE_MAX: Final = 200

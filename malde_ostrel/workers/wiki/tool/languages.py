@@ -118,6 +118,16 @@ def _extent(node: tree_sitter.Node) -> tree_sitter.Node:
     return node
 
 
+def _in_body(node: tree_sitter.Node) -> bool:
+    """Whether a C or C++ definition lies inside a function's body."""
+    parent = node.parent
+    while parent is not None:
+        if parent.type == "compound_statement":
+            return True
+        parent = parent.parent
+    return False
+
+
 def _signature(source: bytes, node: tree_sitter.Node) -> str:
     """The definition's text up to its body, on one line."""
     body = node.child_by_field_name("body")
@@ -200,6 +210,8 @@ def extract(language: str, source: bytes) -> tuple[list[Found], list[str], str]:
             if not capture.startswith(_CAPTURE_PREFIX) or not names or not nodes:
                 continue
             node = _extent(nodes[0])
+            if language in ("c", "cpp") and _in_body(node):
+                continue  # a local declaration (``dispatcher lt(time);`` reads like a function's)
             key = (node.start_byte, node.end_byte)
             if key not in best or best[key][0] > pattern:
                 name = _text(source, names[0].start_byte, names[0].end_byte)
